@@ -4,6 +4,7 @@
 
 #include <cstdio>
 #include <cstring>
+#include <ostream>
 #include <random>
 #include <string>
 #include <string_view>
@@ -14,6 +15,10 @@
 namespace {
 
 enum class Path { portable, accelerated };
+
+void PrintTo(Path path, std::ostream* out) {
+  *out << (path == Path::portable ? "portable" : "accelerated");
+}
 
 std::string hex_of(uint32_t algorithm, const uint8_t* digest) {
   char text[HASH_SHA256_SIZE * 2 + 1];
