@@ -76,7 +76,9 @@ void pad(hash_engine* engine, hash_blocks_fn fold) {
 
 void hash_force_portable(bool on) { portable_forced = on; }
 
-hash_blocks_fn hash_sha1_blocks() { return use_accelerated() ? hash_sha1_shani : hash_sha1_portable; }
+hash_blocks_fn hash_sha1_blocks() {
+  return use_accelerated() ? hash_sha1_shani : hash_sha1_portable;
+}
 
 hash_blocks_fn hash_sha256_blocks() {
   return use_accelerated() ? hash_sha256_shani : hash_sha256_portable;

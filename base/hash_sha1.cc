@@ -2,7 +2,6 @@
 // Rounds are unrolled so the five working variables rotate by renaming; the
 // message schedule is expanded in a 16-word ring while the rounds consume it.
 #include <bit>
-#include <cstring>
 
 #include "base/hash_engine.h"
 
@@ -10,16 +9,9 @@ namespace {
 
 using std::rotl;
 
-inline uint32_t load_big_endian(const uint8_t* bytes) {
-  uint32_t word;
-  memcpy(&word, bytes, sizeof word);
-  if constexpr (std::endian::native == std::endian::little) word = __builtin_bswap32(word);
-  return word;
-}
-
 // Word i of the schedule; from 16 on it is written over word i - 16 in the ring.
 [[gnu::always_inline]] inline uint32_t word_at(uint32_t* ring, const uint8_t* block, int i) {
-  if (i < 16) return ring[i] = load_big_endian(block + 4 * i);
+  if (i < 16) return ring[i] = hash_load_big_endian(block + 4 * i);
   uint32_t mixed = ring[(i - 3) & 15] ^ ring[(i - 8) & 15] ^ ring[(i - 14) & 15] ^ ring[i & 15];
   return ring[i & 15] = rotl(mixed, 1);
 }

@@ -3,7 +3,6 @@
 // rotate by renaming instead of moving; the message schedule is expanded in
 // a 16-word ring while the rounds consume it.
 #include <bit>
-#include <cstring>
 
 #include "base/hash_engine.h"
 
@@ -21,13 +20,6 @@ const uint32_t hash_sha256_constants[64] = {
 namespace {
 
 using std::rotr;
-
-inline uint32_t load_big_endian(const uint8_t* bytes) {
-  uint32_t word;
-  memcpy(&word, bytes, sizeof word);
-  if constexpr (std::endian::native == std::endian::little) word = __builtin_bswap32(word);
-  return word;
-}
 
 // One round with the working variables passed in their current roles: `d`
 // receives the new e and `h` the new a, so the caller names the next round's
@@ -64,7 +56,7 @@ void fold_block(uint32_t* words, const uint8_t* block) {
 #pragma GCC unroll 2
   for (int i = 0; i < 16; i += 8) {
 #pragma GCC unroll 8
-    for (int j = 0; j < 8; ++j) ring[i + j] = load_big_endian(block + 4 * (i + j));
+    for (int j = 0; j < 8; ++j) ring[i + j] = hash_load_big_endian(block + 4 * (i + j));
     round(a, b, d, e, f, g, h, previous, k[i] + ring[i]);
     round(h, a, c, d, e, f, g, previous, k[i + 1] + ring[i + 1]);
     round(g, h, b, c, d, e, f, previous, k[i + 2] + ring[i + 2]);

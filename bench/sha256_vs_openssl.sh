@@ -50,10 +50,12 @@ for _ in 1 2 3; do
   elapsed=$(($(date +%s%N) - start))
   if ((best_ns == 0 || elapsed < best_ns)); then best_ns=$elapsed; fi
 done
-sha256sum_mbs=$(awk -v bytes="$file_size" -v ns="$best_ns" 'BEGIN { printf "%.0f", bytes * 1000 / ns }')
+sha256sum_mbs=$(awk -v bytes="$file_size" -v ns="$best_ns" \
+                  'BEGIN { printf "%.0f", bytes * 1000 / ns }')
 
 percent() {
-  awk -v a="$1" -v b="$2" 'BEGIN { if (a + 0 > 0 && b + 0 > 0) printf "%.0f%%", 100 * a / b; else printf "n/a" }'
+  awk -v a="$1" -v b="$2" '
+    BEGIN { if (a + 0 > 0 && b + 0 > 0) printf "%.0f%%", 100 * a / b; else printf "n/a" }'
 }
 
 echo "SHA-256 throughput, MB/s (10^6 bytes/s)"
