@@ -1,0 +1,58 @@
+// Inside the hash family: the block functions of the two digest engines, the
+// running state they keep in a context's engine_state, and the switch that
+// chooses between the portable and the processor-accelerated block functions.
+// Only the hash sources, their tests and their benchmark include this header.
+#pragma once
+
+#include <bit>
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+
+#include "base/hash.h"
+
+// Running state of either engine, placed in hash_context::engine_state by
+// hash_open. SHA-1 uses the first five words of `words`.
+struct hash_engine {
+  uint32_t words[8];       // chaining value, most significant word first
+  uint64_t length;         // bytes taken so far, the pending ones included
+  uint32_t pending;        // bytes waiting in `block` for a full block
+  alignas(16) uint8_t block[64];
+};
+static_assert(sizeof(hash_engine) <= sizeof(hash_context::engine_state));
+static_assert(alignof(hash_engine) <= alignof(hash_context));
+
+// A block function folds `count` whole 64-byte blocks at `blocks` into the
+// chaining value `words`. The blocks need no particular alignment.
+using hash_blocks_fn = void (*)(uint32_t* words, const uint8_t* blocks, size_t count);
+
+// The 32-bit word at `bytes`, most significant byte first, at any alignment.
+inline uint32_t hash_load_big_endian(const uint8_t* bytes) {
+  uint32_t word;
+  memcpy(&word, bytes, sizeof word);
+  if constexpr (std::endian::native == std::endian::little) word = __builtin_bswap32(word);
+  return word;
+}
+
+// The 64 round constants of SHA-256, shared by both of its block functions.
+extern const uint32_t hash_sha256_constants[64];
+
+void hash_sha1_portable(uint32_t* words, const uint8_t* blocks, size_t count);
+void hash_sha256_portable(uint32_t* words, const uint8_t* blocks, size_t count);
+
+// Accelerated block functions. REQUIRES: hash_accelerated_available().
+void hash_sha1_shani(uint32_t* words, const uint8_t* blocks, size_t count);
+void hash_sha256_shani(uint32_t* words, const uint8_t* blocks, size_t count);
+
+// True when the processor has the SHA extensions with SSSE3 and SSE4.1, so
+// the accelerated block functions may run. Asked of the processor once.
+bool hash_accelerated_available();
+
+// With `on`, every engine uses the portable block functions from the next
+// hash_write or hash_close on; with `off`, the accelerated ones are used
+// wherever available (the default). For tests and benchmarks.
+void hash_force_portable(bool on);
+
+// The block functions hash_write and hash_close use now.
+hash_blocks_fn hash_sha1_blocks();
+hash_blocks_fn hash_sha256_blocks();
