@@ -105,7 +105,10 @@ std::string receive_exactly(socket_record* sock, size_t count) {
   return bytes;
 }
 
+// The message borrows the bytes: literals, or strings that outlive it.
+socket_message message_of(const char* text) { return {text, strlen(text)}; }
 socket_message message_of(const std::string& bytes) { return {bytes.data(), bytes.size()}; }
+socket_message message_of(std::string&& bytes) = delete;
 
 std::string text_of(const socket_message& message) {
   return std::string(static_cast<const char*>(message.data), message.size);
