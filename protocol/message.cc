@@ -23,8 +23,9 @@ void* message_arena_block(dympage* arena, uint64_t size, uint64_t alignment) {
 
 char* message_arena_text(dympage* arena, const char* text, uint64_t length) {
   auto* copy = static_cast<char*>(dympage_alloc(arena, length + 1, 1));
-  // The copy goes by the terminator, as the caller's length must match it.
-  strcpy(copy, text);
+  // The copy goes by the terminator; stopping at `length` as well keeps a
+  // caller whose length is too short from writing past the block.
+  memcpy(copy, text, strnlen(text, length));
   return copy;
 }
 

@@ -28,6 +28,9 @@
 // -1, setters return -1 or null. Only message_recover() throws, directly or
 // from a failure hook that calls it. A user that arms the point catches
 // message_recovery there, so the exception never leaves that user.
+// A failure hook that goes back may do so from inside parse_bin_f or a
+// setter: anything the user holds across those calls (an input stream, a
+// descriptor) is released after the catch or by a guard, not after the call.
 #pragma once
 
 #include <cstdint>

@@ -602,6 +602,34 @@ void Generator::define_node(std::string& out, const Node& node) const {
   }
 }
 
+// The flat names make signatures long: a top-level declaration or definition
+// that does not fit in 100 columns gets its return type on a line of its own
+// and, if still too long, its parameters on the next line.
+std::string wrap_long_signatures(const std::string& text) {
+  constexpr size_t kWidth = 100;
+  std::string out;
+  std::istringstream lines(text);
+  for (std::string line; std::getline(lines, line);) {
+    size_t open = line.find('(');
+    bool signature = line.size() > kWidth && open != std::string::npos && !line.empty() && line[0] != ' ' &&
+                     line[0] != '/' && line[0] != '#' && line.compare(0, 7, "struct ") != 0 && line.find('=') > open;
+    if (!signature) {
+      out += line + "\n";
+      continue;
+    }
+    size_t space = line.rfind(' ', open);
+    std::string head = space == std::string::npos ? "" : line.substr(0, space);
+    std::string rest = space == std::string::npos ? line : line.substr(space + 1);
+    if (!head.empty()) out += head + "\n";
+    if (rest.size() > kWidth) {
+      size_t paren = rest.find('(');
+      rest = rest.substr(0, paren + 1) + "\n    " + rest.substr(paren + 1);
+    }
+    out += rest + "\n";
+  }
+  return out;
+}
+
 // Writes only when the content changed, so that a rebuild of the generator
 // does not recompile every user of an unchanged module.
 bool write_file(const std::string& path, const std::string& text) {
@@ -634,7 +662,8 @@ int main(int argc, char** argv) {
   schema.source = text.str();
   Generator generator(schema);
   std::string base = std::string(argv[2]) + "/" + schema.name;
-  if (!write_file(base + ".h", generator.header()) || !write_file(base + ".cc", generator.source())) {
+  if (!write_file(base + ".h", wrap_long_signatures(generator.header())) ||
+      !write_file(base + ".cc", wrap_long_signatures(generator.source()))) {
     fprintf(stderr, "schemagen: cannot write %s.h and .cc\n", base.c_str());
     return 1;
   }
