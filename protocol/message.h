@@ -54,6 +54,8 @@ struct message_root;
 // at once.
 using message_failure_hook = void (*)(message_root* root, const char* text);
 
+// The root has no room for a saved execution context: the recovery point is
+// the user's catch of message_recovery, which needs nothing in the tree.
 struct message_root : message_node {
   message_failure_hook failure_hook;  // null unless a user installs one
   // Null until a failure is recorded. Constant texts, or texts the user keeps
