@@ -1,0 +1,224 @@
+#include "appsrv/handler.h"
+
+#include <cstdlib>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include "base/runtime.h"
+#include "protocol/appsrv_protocol_reply/appsrv_protocol_reply.h"
+#include "protocol/appsrv_protocol_request/appsrv_protocol_request.h"
+#include "stackman/stackman.h"
+
+namespace {
+
+using request_t = image___appsrv_protocol_request___root_t;
+using reply_t = image___appsrv_protocol_reply___root_t;
+using success_t = image___appsrv_protocol_reply___root___status___success_t;
+
+enum : uint32_t { kDelete = 0, kList = 1, kRename = 2, kSelect = 3, kUpload = 4 };
+
+// One stalled client must not hold the daemon for long: every receive on a
+// management connection gives up after this long without progress.
+constexpr int kReceiveTimeoutSeconds = 30;
+// How long a refused upload may go on arriving before the connection closes.
+constexpr int kRefusalLingerSeconds = 1;
+
+// The option belongs to the connection itself, which a stack shares once it
+// is handed over: the stack gets it back without a time-out.
+void set_receive_timeout(socket_record* connection, int seconds) {
+  timeval timeout{seconds, 0};
+  setsockopt(connection->descriptor, SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof timeout);
+}
+
+// An upload is held whole in memory; one larger than half of the machine's
+// memory is refused before a byte of it is read.
+uint64_t largest_image() {
+  long pages = sysconf(_SC_PHYS_PAGES);
+  long page_size = sysconf(_SC_PAGE_SIZE);
+  if (pages <= 0 || page_size <= 0) return UINT64_MAX;
+  return static_cast<uint64_t>(pages) * static_cast<uint64_t>(page_size) / 2;
+}
+
+const char* text_of(const message_text& field) { return field.text != nullptr ? field.text : ""; }
+
+// Serializes a built reply into one frame on the connection; nothing is sent
+// when serializing fails. The result of the send is not looked at: a client
+// that has gone cannot be told anything.
+void send_reply(socket_record* connection, reply_t* reply) {
+  char* buffer = nullptr;
+  uint64_t size = 0;
+  ostream* out = ostream_create_memory(&buffer, &size);
+  image___appsrv_protocol_reply___finalize_f(reply);
+  int serialized = image___appsrv_protocol_reply___serialize_bin_f(reply, out);
+  ostream_destroy(out);
+  if (serialized == 0) {
+    socket_message message{buffer, size};
+    socket_msg_send(connection, nullptr, &message);
+  }
+  free(buffer);
+}
+
+template <typename Build>
+void reply_success(socket_record* connection, dympage* arena, Build build) {
+  reply_t* reply = image___appsrv_protocol_reply___root_t___allocate_f(arena);
+  try {
+    success_t* success = image___appsrv_protocol_reply___root_t___status___iwrite_setto___success(arena, reply);
+    if (success == nullptr) message_recover(reply);
+    build(success);
+    send_reply(connection, reply);
+  } catch (const message_recovery&) {
+  }
+}
+
+void reply_empty(socket_record* connection, dympage* arena) {
+  reply_success(connection, arena, [&](success_t* success) {
+    image___appsrv_protocol_reply___root___status___success_t___type___iwrite_setto___empty(arena, success);
+  });
+}
+
+// Names go in newest first; the collection keeps them in byte order.
+void reply_list(socket_record* connection, dympage* arena) {
+  reply_success(connection, arena, [&](success_t* success) {
+    auto* data = image___appsrv_protocol_reply___root___status___success_t___type___iwrite_setto___data(arena, success);
+    stackman_iter iterator{};
+    for (stackman_stack* s = stackman_iter_begin(&iterator); s != nullptr; s = stackman_iter_move(&iterator))
+      image___appsrv_protocol_reply___root___status___success___type___data_t___stack_names___iwrite_create_entry(
+          arena, data, iterator.name);
+  });
+}
+
+// Receives and parses the one request of the connection; any failure goes
+// back to the recovery point with its reason in the root.
+void read_request(socket_record* connection, dympage* arena, request_t* request) {
+  socket_message message{};
+  if (socket_msg_recv(connection, nullptr, &message) != 0) message_recover(request, socket_strerror(connection));
+  if (message.size == 0) message_recover(request, "end-of-stream");
+  istream* in = istream_create_memory(message.data, message.size);
+  int parsed = image___appsrv_protocol_request___parse_bin_f(arena, request, in);
+  istream_destroy(in);
+  if (parsed != 0) message_recover(request);
+  image___appsrv_protocol_request___finalize_f(request);
+}
+
+void handle_delete(socket_record* connection, dympage* reply_arena, const char* name) {
+  if (stackman_validate_name(name) != 0) return reply_failure(connection, reply_arena, "invalid name");
+  stackman_stack* stack = stackman_get(name);
+  if (stack == nullptr) return reply_failure(connection, reply_arena, "unknown name");
+  stackman_stack_destroy(stack);
+  reply_empty(connection, reply_arena);
+}
+
+void hand_over(socket_record* connection, dympage* reply_arena, stackman_stack* stack) {
+  set_receive_timeout(connection, 0);
+  if (stackman_upgrade_connection(stack, connection) != 0)
+    reply_failure(connection, reply_arena, stackman_strerror());
+}
+
+void handle_rename(socket_record* connection, dympage* reply_arena, const char* old_name, const char* new_name) {
+  if (stackman_validate_name(old_name) != 0) return reply_failure(connection, reply_arena, "invalid old name");
+  if (stackman_validate_name(new_name) != 0) return reply_failure(connection, reply_arena, "invalid new name");
+  stackman_stack* stack = stackman_get(old_name);
+  if (stack == nullptr) return reply_failure(connection, reply_arena, "unknown name");
+  if (stackman_get(new_name) != nullptr) return reply_failure(connection, reply_arena, "duplicate name");
+  if (stackman_stack_rename(stack, new_name) != stack)
+    return reply_failure(connection, reply_arena, stackman_strerror());
+  hand_over(connection, reply_arena, stack);
+}
+
+void handle_select(socket_record* connection, dympage* reply_arena, const char* name) {
+  if (stackman_validate_name(name) != 0) return reply_failure(connection, reply_arena, "invalid name");
+  stackman_stack* stack = stackman_get(name);
+  if (stack == nullptr) return reply_failure(connection, reply_arena, "unknown name");
+  hand_over(connection, reply_arena, stack);
+}
+
+// The refused image still travels towards us: stop sending, give the client a
+// moment to take the reply, and drop what arrives, so that closing with
+// unread data does not reset the connection before the reply is read.
+void refuse_image(socket_record* connection, dympage* reply_arena, const char* reason) {
+  reply_failure(connection, reply_arena, reason);
+  if (!socket_is_alive(connection)) return;
+  shutdown(connection->descriptor, SHUT_WR);
+  set_receive_timeout(connection, kRefusalLingerSeconds);
+  char discard[4096];
+  int64_t deadline = runtime_getclock() + kRefusalLingerSeconds * 1000;
+  while (runtime_getclock() < deadline && socket_is_alive(connection)) {
+    uint64_t size = sizeof discard;
+    if (socket_raw_recv(connection, discard, &size) != 0) break;
+  }
+}
+
+// Reads exactly `size` raw bytes that follow the request frame.
+bool read_image(socket_record* connection, uint8_t* image, uint64_t size) {
+  uint64_t received = 0;
+  while (received < size) {
+    uint64_t chunk = size - received;
+    if (socket_raw_recv(connection, image + received, &chunk) != 0) return false;
+    received += chunk;
+  }
+  return true;
+}
+
+void handle_upload(socket_record* connection, dympage* request_arena, dympage* reply_arena,
+                   const image___appsrv_protocol_request___root___type___upload_t* upload) {
+  uint64_t size = upload->image_size.set ? static_cast<uint64_t>(upload->image_size.value) : 0;
+  if (size > largest_image()) return refuse_image(connection, reply_arena, "image too large");
+  auto* image = static_cast<uint8_t*>(dympage_try_alloc(request_arena, size, 1));
+  if (image == nullptr) return refuse_image(connection, reply_arena, "image too large");
+  if (!read_image(connection, image, size)) return reply_failure(connection, reply_arena, "image could not be loaded");
+  // The whole image is read before the name is looked at, so the client's
+  // transfer always completes.
+  const char* name = text_of(upload->stack_name);
+  if (stackman_validate_name(name) != 0) return reply_failure(connection, reply_arena, "invalid name");
+  if (stackman_get(name) != nullptr) return reply_failure(connection, reply_arena, "duplicate name");
+  set_receive_timeout(connection, 0);
+  if (stackman_stack_allocate(name, image, size, connection) == nullptr)
+    reply_failure(connection, reply_arena, stackman_strerror());
+}
+
+}  // namespace
+
+void reply_failure(socket_record* connection, dympage* reply_arena, const char* reason) {
+  reply_t* reply = image___appsrv_protocol_reply___root_t___allocate_f(reply_arena);
+  try {
+    auto* failure = image___appsrv_protocol_reply___root_t___status___iwrite_setto___failure(reply_arena, reply);
+    if (failure == nullptr) message_recover(reply);
+    image___appsrv_protocol_reply___root___status___failure_t___reason___iwrite_set(reply_arena, failure,
+                                                                                    reason != nullptr ? reason : "");
+    send_reply(connection, reply);
+  } catch (const message_recovery&) {
+  }
+}
+
+void handle_request(socket_record* connection, dympage* request_arena, dympage* reply_arena) {
+  set_receive_timeout(connection, kReceiveTimeoutSeconds);
+  request_t* request = image___appsrv_protocol_request___root_t___allocate_f(request_arena);
+  try {
+    read_request(connection, request_arena, request);
+  } catch (const message_recovery&) {
+    return;  // no reply and no log line: the connection is simply closed
+  }
+  // A tag beyond the last request leaves the variant unset: ignored.
+  if (!request->type.set || request->type.tag > kUpload) return;
+  void* payload = request->type.payload;
+  switch (request->type.tag) {
+    case kDelete:
+      handle_delete(connection, reply_arena,
+                    text_of(static_cast<image___appsrv_protocol_request___root___type___delete_t*>(payload)->stack_name));
+      break;
+    case kList: reply_list(connection, reply_arena); break;
+    case kRename: {
+      auto* rename = static_cast<image___appsrv_protocol_request___root___type___rename_t*>(payload);
+      handle_rename(connection, reply_arena, text_of(rename->old_name), text_of(rename->new_name));
+      break;
+    }
+    case kSelect:
+      handle_select(connection, reply_arena,
+                    text_of(static_cast<image___appsrv_protocol_request___root___type___select_t*>(payload)->stack_name));
+      break;
+    case kUpload:
+      handle_upload(connection, request_arena, reply_arena,
+                    static_cast<image___appsrv_protocol_request___root___type___upload_t*>(payload));
+      break;
+  }
+}

@@ -1,0 +1,102 @@
+// The stack manager: the set of stacks, their records and states, recovery
+// from the data root at start-up, deployment of uploaded images, supervision
+// of the stacks' process groups and the control channel to the stacks.
+//
+// Single-threaded. The manager owns every stack record from its creation to
+// stackman_stack_destroy; a record returned by a lookup or an iterator stays
+// valid until then, and no iteration may run across a destruction.
+#pragma once
+
+#include <cstdint>
+
+#include "base/bucket.h"
+#include "base/ostream.h"
+#include "base/process.h"
+#include "base/socket.h"
+
+enum : uint32_t {
+  STACKMAN_IDLE = 0,  // deployed, no process; started again on demand
+  STACKMAN_RUNNING = 1,  // the stack's job has been started
+  STACKMAN_STOPPING = 2,  // told to shut down; waiting for its job to end
+  STACKMAN_UNDEPLOYED = 3,  // found without the deployed marker; destroyed next pass
+};
+
+// Selectors of the control messages the manager sends (its own numbering).
+enum : int {
+  STACKMAN_SET_NAME = 0,
+  STACKMAN_SOCKPASS = 1,
+  STACKMAN_SHUTDOWN = 2,
+};
+
+constexpr uint64_t STACKMAN_KEY_SIZE = 65;  // 64 hexadecimal characters + terminator
+constexpr uint64_t STACKMAN_NAME_SIZE = 1024;  // up to 1023 bytes + terminator
+
+// Invariant: running and stopping stacks have a job, idle and undeployed ones
+// have none.
+struct stackman_stack {
+  stackman_stack* next;  // next older record
+  char key[STACKMAN_KEY_SIZE];  // directory name under both roots; never changes
+  char name[STACKMAN_NAME_SIZE];  // unique among all records
+  socket_address worker_address;  // {stack path}/os-worker
+  uint32_t state;
+  process* job;
+  bucket stack_path;  // {stacks root}/{key}
+  bucket store_path;  // {data root}/{key}
+  bucket name_tag_path;  // {store path}/serv/name
+  bucket deployed_path;  // {store path}/serv/deployed
+};
+
+struct stackman_iter {
+  stackman_stack* current;
+  const char* name;
+};
+
+// Checks and makes the working directories, binds ./private/node, rebuilds
+// the stack list from the data root and starts every deployed stack. Every
+// failure writes one line and ends the process with status 1.
+void stackman_open(const char* runenv_root, const char* stacks_root, const char* data_root);
+
+// The stack whose name equals `name` byte for byte, or null.
+stackman_stack* stackman_get(const char* name);
+// Newest record first; null when there is none (the iterator is then untouched).
+stackman_stack* stackman_iter_begin(stackman_iter* iterator);
+stackman_stack* stackman_iter_move(stackman_iter* iterator);
+// Records that are running or stopping.
+uint64_t stackman_is_running();
+// The last failure of a manager operation (a constant text, or null before
+// the first failure).
+const char* stackman_strerror();
+// 0 for 1 to 1023 bytes without bell, backspace, form feed, line feed,
+// carriage return, tab or vertical tab; -1 otherwise.
+int stackman_validate_name(const char* name);
+// A new idle record at the head of the list, or null when a stack already has
+// the name.
+stackman_stack* stackman_stack_create(const char* key, const char* name);
+
+// Deploys an uploaded image as a new running stack that inherits `connection`
+// and answers the client on it. Null on failure (last error set); nothing of
+// the failed deployment is left behind.
+stackman_stack* stackman_stack_allocate(const char* name, const void* image, uint64_t image_size,
+                                        socket_record* connection);
+
+// One supervision pass: collects ended jobs, reports them, settles states and
+// destroys stacks whose deployment never completed.
+void stackman_loop();
+// Kills and reaps the job if any, removes both directories, frees the record.
+void stackman_stack_destroy(stackman_stack* stack);
+// Kills and reaps the job if any; the stack stays, idle.
+void stackman_stack_killjob(stackman_stack* stack);
+
+// Composes one control message of the selector into `out` (internal; exposed
+// for the tests). Composing a shutdown marks the stack stopping.
+void stackman_stack_message(stackman_stack* stack, int selector, const char* name, ostream* out);
+// Renames (new name already validated), rewrites the name-tag and tells the
+// stack. Returns the stack, or null with the last error set.
+stackman_stack* stackman_stack_rename(stackman_stack* stack, const char* new_name);
+// Hands the connection to a running stack (0), or starts an idle one again
+// and fails with "resurrecting dead stack" / "spawn child" (-1).
+int stackman_upgrade_connection(stackman_stack* stack, socket_record* connection);
+// Sends a message of selector 1 or 2 to one stack; 0 when sent.
+int stackman_signal(stackman_stack* stack, int selector);
+// Sends a message of the selector to every running stack.
+void stackman_broadcast(int selector);

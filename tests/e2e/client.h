@@ -1,0 +1,53 @@
+// A small management client for the end-to-end tests: requests made with the
+// generated request module, replies read with the generated reply module,
+// over plain loopback TCP.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace e2e {
+
+std::string encode_list();
+std::string encode_delete(const std::string& name);
+std::string encode_rename(const std::string& old_name, const std::string& new_name);
+std::string encode_select(const std::string& name);
+std::string encode_upload(const std::string& name, int64_t image_size);
+
+// One frame: the big-endian length word and the payload.
+std::string frame(const std::string& payload);
+
+struct Reply {
+  bool received = false;  // false: the connection closed without a frame
+  std::string status;  // "failure", "success", "upgrade"
+  std::string reason;  // for a failure
+  bool has_names = false;  // success with data
+  std::vector<std::string> names;
+};
+
+// A connection to the daemon; every read gives up after a few seconds.
+class Connection {
+ public:
+  explicit Connection(uint16_t port, int timeout_seconds = 10);
+  ~Connection();
+  bool connected() const { return fd_ >= 0; }
+  bool send(const std::string& bytes);
+  // Reads one frame and parses it as a reply.
+  Reply reply();
+  // Reads raw bytes up to and excluding the next line feed ("" at the end).
+  std::string line();
+  // True when the daemon closed the connection without sending anything.
+  bool closed_without_reply();
+  void close_now();
+  int fd() const { return fd_; }
+
+ private:
+  bool read_exactly(void* buffer, size_t size);
+  int fd_ = -1;
+};
+
+// One request, one reply.
+Reply ask(uint16_t port, const std::string& request_payload, int timeout_seconds = 10);
+
+}  // namespace e2e
