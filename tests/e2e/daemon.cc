@@ -52,13 +52,13 @@ bool eventually(bool (*condition)(void*), void* context, int milliseconds) {
   return condition(context);
 }
 
-Daemon::Daemon() {
+Daemon::Daemon(const char* bootstrap) {
   char pattern[] = "/tmp/appsrv-e2e-XXXXXX";
   if (mkdtemp(pattern) == nullptr) abort();
   dir_ = pattern;
   std::string setup = "mkdir -p '" + dir_ + "/runenv/image' '" + dir_ + "/runenv/test-control' '" + dir_ + "/data'";
   if (system(setup.c_str()) != 0) abort();
-  if (symlink(TEST_BOOTSTRAP, path("runenv/image/application-server-bootstrap").c_str()) != 0) abort();
+  if (symlink(bootstrap, path("runenv/image/application-server-bootstrap").c_str()) != 0) abort();
 }
 
 Daemon::~Daemon() {

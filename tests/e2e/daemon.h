@@ -13,7 +13,9 @@ void write_file(const std::string& path, const std::string& contents);
 
 class Daemon {
  public:
-  Daemon();  // prepares the working directory: runenv with the bootstrap, data
+  // Prepares the working directory: runenv with `bootstrap` as every stack's
+  // program, and data.
+  explicit Daemon(const char* bootstrap = TEST_BOOTSTRAP);
   ~Daemon();  // kills what is left and removes the directory
 
   // Starts appsrv with these arguments (default: 127.0.0.1 and a free port)
