@@ -122,7 +122,9 @@ class Peer {
     return reply;
   }
 
-  bool send(const std::string& text) { return ::send(fd_, text.data(), text.size(), MSG_NOSIGNAL) == ssize_t(text.size()); }
+  bool send(const std::string& text) {
+    return ::send(fd_, text.data(), text.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(text.size());
+  }
 
   // Everything up to the end of the stream; `ended` says whether it came.
   std::string rest(bool* ended = nullptr) {
@@ -581,8 +583,8 @@ TEST_F(Runtime, ImageThatCannotBeExecutedLeavesTheRuntimeServing) {
   bool ended = false;
   EXPECT_EQ(client->rest(&ended), "");
   EXPECT_TRUE(ended);
-  EXPECT_TRUE(eventually([&] { return err().find("handler not started, No such file or directory") != std::string::npos; }))
-      << err();
+  std::string expected = "handler not started, No such file or directory";
+  EXPECT_TRUE(eventually([&] { return err().find(expected) != std::string::npos; })) << err();
   EXPECT_TRUE(running());
   ASSERT_TRUE(send_control(encode_shutdown()));
   int status = wait_exit();

@@ -66,7 +66,8 @@ int runenv_stack_open(runenv_stack* stack) {
   if (socket_address_unix(bucket_cstring(&stack->worker_path), &address) != 0 ||
       socket_open(&address, 1, 0, &stack->worker) != 0) {
     runtime_err("Error: stack '%s'[%s] unable to open os-worker socket '%s', %s\n",
-                bucket_cstring(&stack->key), stack->name, bucket_cstring(&stack->worker_path), socket_strerror(nullptr));
+                bucket_cstring(&stack->key), stack->name, bucket_cstring(&stack->worker_path),
+                socket_strerror(nullptr));
     return -1;
   }
   return 0;
