@@ -1,0 +1,88 @@
+// The stack as the runtime knows it: its identity, its paths and its
+// control socket.
+#include <cerrno>
+#include <cstring>
+#include <initializer_list>
+#include <unistd.h>
+
+#include "base/fs.h"
+#include "base/runtime.h"
+#include "runenv/runenv.h"
+
+namespace {
+
+// The resolved form of `path`, or -1 with errno when it cannot be resolved.
+int absolute(const char* path, bucket* result) {
+  *result = fs_init(path);
+  if (fs_realpath(result) == 0) return 0;
+  int error = errno;
+  bucket_release(result);
+  errno = error;
+  return -1;
+}
+
+}  // namespace
+
+int runenv_stack_init(runenv_stack* stack, const runenv_args* args) {
+  memset(stack, 0, sizeof *stack);
+  stack->worker.descriptor = -1;
+  dymarray_init(&stack->handlers, sizeof(pid_t), 0);
+
+  // The key is the stack path's last component, trailing slashes aside.
+  bucket given = fs_init(args->stack_path);
+  while (given.length > 1 && given.data[given.length - 1] == '/') bucket_drop(&given, 1);
+  const char* last_slash = strrchr(bucket_cstring(&given), '/');
+  bucket_append(&stack->key, last_slash != nullptr ? last_slash + 1 : given.data);
+  stack->worker_path = fs_copy(&given);
+  fs_join(&stack->worker_path, "os-worker");
+  bucket_release(&given);
+  runenv_stack_set_name(stack, args->name, strlen(args->name));
+
+  if (absolute(args->stack_path, &stack->stack_path) != 0) {
+    runtime_err("Error: stack '%s'[%s] stack path '%s' unusable, %s\n", bucket_cstring(&stack->key),
+                stack->name, args->stack_path, strerror(errno));
+    return -1;
+  }
+  if (absolute(args->store_path, &stack->store_path) != 0) {
+    runtime_err("Error: stack '%s'[%s] store path '%s' unusable, %s\n", bucket_cstring(&stack->key),
+                stack->name, args->store_path, strerror(errno));
+    return -1;
+  }
+  stack->image_path = fs_copy(&stack->store_path);
+  fs_joinv(&stack->image_path, "serv", "image", nullptr);
+  stack->deployed_path = fs_copy(&stack->store_path);
+  fs_joinv(&stack->deployed_path, "serv", "deployed", nullptr);
+  return 0;
+}
+
+void runenv_stack_set_name(runenv_stack* stack, const char* name, uint64_t length) {
+  if (length > RUNENV_NAME_SIZE - 1) length = RUNENV_NAME_SIZE - 1;
+  memcpy(stack->name, name, length);
+  stack->name[length] = '\0';
+}
+
+int runenv_stack_open(runenv_stack* stack) {
+  socket_address address;
+  if (socket_address_unix(bucket_cstring(&stack->worker_path), &address) != 0 ||
+      socket_open(&address, 1, 0, &stack->worker) != 0) {
+    runtime_err("Error: stack '%s'[%s] unable to open os-worker socket '%s', %s\n",
+                bucket_cstring(&stack->key), stack->name, bucket_cstring(&stack->worker_path),
+                socket_strerror(nullptr));
+    return -1;
+  }
+  return 0;
+}
+
+void runenv_stack_close(runenv_stack* stack) {
+  if (stack->worker.descriptor < 0) return;
+  socket_close(&stack->worker);
+  unlink(bucket_cstring(&stack->worker_path));
+}
+
+void runenv_stack_release(runenv_stack* stack) {
+  runenv_stack_close(stack);
+  for (bucket* path : {&stack->key, &stack->worker_path, &stack->stack_path, &stack->store_path, &stack->image_path,
+                       &stack->deployed_path})
+    bucket_release(path);
+  dymarray_destroy(&stack->handlers);
+}
