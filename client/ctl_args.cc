@@ -65,7 +65,7 @@ constexpr const char kListHelp[] =
     "On a terminal, control bytes in names are shown escaped (\\xNN).\n"
     "Alias: ls.\n"
     "\n"
-    "  --json   print one JSON array of strings instead\n\n"
+    "  --json   print one JSON array of strings instead\n"
     "\n"
     "Common options: --address HOST:PORT, --timeout SECONDS (see appsrvctl --help).\n";
 
@@ -75,7 +75,7 @@ constexpr const char kUploadHelp[] =
     "Deploy the image FILE as a new stack NAME and report what the new stack\n"
     "answered. The upload is refused before any image byte is sent when NAME\n"
     "is invalid or already taken. A progress line is shown on standard error\n"
-    "when it is a terminal (not with NO_COLOR set).\n\n"
+    "when it is a terminal (not with NO_COLOR set).\n"
     "\n"
     "Common options: --address HOST:PORT, --timeout SECONDS (see appsrvctl --help).\n";
 
@@ -84,14 +84,14 @@ constexpr const char kDeleteHelp[] =
     "\n"
     "Delete the stack NAME with its store. Alias: rm.\n"
     "\n"
-    "  --force  succeed when no stack has the name\n\n"
+    "  --force  succeed when no stack has the name\n"
     "\n"
     "Common options: --address HOST:PORT, --timeout SECONDS (see appsrvctl --help).\n";
 
 constexpr const char kRenameHelp[] =
     "usage: appsrvctl rename OLD NEW\n"
     "\n"
-    "Give the stack OLD the name NEW.\n\n"
+    "Give the stack OLD the name NEW.\n"
     "\n"
     "Common options: --address HOST:PORT, --timeout SECONDS (see appsrvctl --help).\n";
 
@@ -100,7 +100,7 @@ constexpr const char kSelectHelp[] =
     "\n"
     "Connect standard input and output to the application of the stack NAME\n"
     "until either side closes. An idle stack is started again and asked once\n"
-    "more. Alias: attach.\n\n"
+    "more. Alias: attach.\n"
     "\n"
     "Common options: --address HOST:PORT, --timeout SECONDS (see appsrvctl --help).\n";
 
