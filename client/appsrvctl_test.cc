@@ -504,13 +504,13 @@ TEST(Appsrvctl, UnreachableAndSilentDaemonsEndWithStatusFive) {
   std::string closed = "127.0.0.1:" + std::to_string(ntohs(address.sin_port));
   Outcome refused = run({"--address", closed, "ls"});
   EXPECT_EQ(refused.status, 5);
-  EXPECT_EQ(refused.err, "appsrvctl: " + closed + ": cannot connect: Connection refused\n");
+  EXPECT_EQ(refused.err, "appsrvctl: " + closed + ": list: cannot connect: Connection refused\n");
 
   FakeDaemon silent([](socket_record*, const Request&) { usleep(1500000); });
   ASSERT_TRUE(silent.listening());
   Outcome timed_out = run(with_address(silent, {"--timeout", "0.3", "ls"}));
   EXPECT_EQ(timed_out.status, 5);
-  EXPECT_EQ(timed_out.err, "appsrvctl: " + address_of(silent) + ": timed out after 0.3 s waiting for a reply\n");
+  EXPECT_EQ(timed_out.err, "appsrvctl: " + address_of(silent) + ": list: timed out after 0.3 s waiting for a reply\n");
   EXPECT_LT(timed_out.elapsed_ms, 1400) << "gave up before the daemon closed";
 }
 

@@ -16,7 +16,8 @@ void ctl_report(const ctl_options* options, const char* format, ...) {
 
 std::string ctl_quote(const char* name) { return "'" + ctl_terminal_escape(name) + "'"; }
 
-int ctl_exchange(const ctl_options* options, const std::string& request, ctl_reply* reply) {
+int ctl_exchange(const ctl_options* options, const std::string& what, const std::string& request,
+                 ctl_reply* reply) {
   socket_record sock{};
   ctl_fault fault{};
   int result = ctl_connect(&options->address, options->timeout_ms, &sock, &fault);
@@ -24,7 +25,7 @@ int ctl_exchange(const ctl_options* options, const std::string& request, ctl_rep
   if (result == 0) result = ctl_receive_reply(&sock, options->timeout_ms, reply, &fault);
   socket_close(&sock);
   if (result == 0) return 0;
-  ctl_report(options, "%s", fault.text.c_str());
+  ctl_report(options, "%s: %s", what.c_str(), fault.text.c_str());
   return fault.status;
 }
 
@@ -35,7 +36,7 @@ int ctl_report_failure(const ctl_options* options, const std::string& what, cons
 
 int ctl_run_list(const ctl_options* options) {
   ctl_reply reply{};
-  int status = ctl_exchange(options, ctl_encode_request(CTL_LIST, nullptr, nullptr, 0), &reply);
+  int status = ctl_exchange(options, "list", ctl_encode_request(CTL_LIST, nullptr, nullptr, 0), &reply);
   if (status != 0) return status;
   if (reply.kind == CTL_REPLY_FAILURE) return ctl_report_failure(options, "list", &reply);
   if (reply.kind == CTL_REPLY_UPGRADE) {
@@ -71,7 +72,7 @@ int ctl_run_delete(const ctl_options* options) {
     return CTL_FAILED;
   }
   ctl_reply reply{};
-  int status = ctl_exchange(options, ctl_encode_request(CTL_DELETE, name, nullptr, 0), &reply);
+  int status = ctl_exchange(options, what, ctl_encode_request(CTL_DELETE, name, nullptr, 0), &reply);
   if (status != 0) return status;
   if (reply.kind == CTL_REPLY_FAILURE) {
     if (options->force && ctl_status_of_reason(reply.reason) == CTL_UNKNOWN_NAME) {
@@ -97,7 +98,7 @@ int ctl_run_rename(const ctl_options* options) {
     return CTL_FAILED;
   }
   ctl_reply reply{};
-  int status = ctl_exchange(options, ctl_encode_request(CTL_RENAME, old_name, new_name, 0), &reply);
+  int status = ctl_exchange(options, what, ctl_encode_request(CTL_RENAME, old_name, new_name, 0), &reply);
   if (status != 0) return status;
   if (reply.kind == CTL_REPLY_FAILURE) return ctl_report_failure(options, what, &reply);
   // The renamed stack took the connection over and said so with `upgrade`;

@@ -24,8 +24,9 @@ void ctl_report(const ctl_options* options, const char* format, ...) __attribute
 std::string ctl_quote(const char* name);
 
 // Connects, sends the request and reads the one reply. 0 with `reply`
-// filled, or the status to end with after reporting the fault.
-int ctl_exchange(const ctl_options* options, const std::string& request, ctl_reply* reply);
+// filled, or the status to end with after reporting "what: fault".
+int ctl_exchange(const ctl_options* options, const std::string& what, const std::string& request,
+                 ctl_reply* reply);
 
 // Ends a command on a failure reply: reports `what: reason`, returns its status.
 int ctl_report_failure(const ctl_options* options, const std::string& what, const ctl_reply* reply);

@@ -77,7 +77,7 @@ int open_image(const ctl_options* options, const std::string& what, int* descrip
 // Looks the name up in the daemon's list; 0 when it is free.
 int check_name_free(const ctl_options* options, const std::string& what, const char* name) {
   ctl_reply reply{};
-  int status = ctl_exchange(options, ctl_encode_request(CTL_LIST, nullptr, nullptr, 0), &reply);
+  int status = ctl_exchange(options, what, ctl_encode_request(CTL_LIST, nullptr, nullptr, 0), &reply);
   if (status != 0) return status;
   if (reply.kind == CTL_REPLY_FAILURE) return ctl_report_failure(options, what, &reply);
   if (std::find(reply.names.begin(), reply.names.end(), name) != reply.names.end()) {
