@@ -15,6 +15,7 @@
 #include <netinet/in.h>
 #include <poll.h>
 #include <string>
+#include <string_view>
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <thread>
@@ -230,11 +231,31 @@ std::string slurp(const std::string& path) {
   return contents;
 }
 
-// Runs appsrvctl with `arguments`; APPSRV_ADDRESS is taken out of the
-// environment unless `address_variable` gives it.
-Outcome run(const std::vector<std::string>& arguments, const std::string& input = "",
-        const char* address_variable = nullptr) {
-  std::string in_path = temporary_file(input);
+// How a run is set up. The inherited environment loses APPSRV_ADDRESS,
+// NO_COLOR and TERM before `variables` ("NAME=value") are added.
+struct Setup {
+  std::string input;  // standard input
+  std::vector<std::string> variables;
+  // 1 or 2: that stream is a pseudo-terminal and `out` or `err` holds what
+  // appeared on it (the terminal turns "\n" into "\r\n").
+  int terminal = 0;
+};
+
+Setup with_input(std::string input) {
+  Setup setup;
+  setup.input = std::move(input);
+  return setup;
+}
+
+Setup with_variables(std::vector<std::string> variables, int terminal = 0) {
+  Setup setup;
+  setup.variables = std::move(variables);
+  setup.terminal = terminal;
+  return setup;
+}
+
+Outcome run(const std::vector<std::string>& arguments, const Setup& setup = Setup()) {
+  std::string in_path = temporary_file(setup.input);
   std::string out_path = temporary_file("");
   std::string err_path = temporary_file("");
   std::vector<std::string> words = {APPSRVCTL_BINARY};
@@ -243,9 +264,12 @@ Outcome run(const std::vector<std::string>& arguments, const std::string& input 
   for (std::string& word : words) argv.push_back(word.data());
   argv.push_back(nullptr);
   std::vector<std::string> variables;
-  for (char** variable = environ; *variable != nullptr; ++variable)
-    if (strncmp(*variable, "APPSRV_ADDRESS=", 15) != 0) variables.emplace_back(*variable);
-  if (address_variable != nullptr) variables.push_back(std::string("APPSRV_ADDRESS=") + address_variable);
+  for (char** variable = environ; *variable != nullptr; ++variable) {
+    std::string_view text = *variable;
+    if (!text.starts_with("APPSRV_ADDRESS=") && !text.starts_with("NO_COLOR=") && !text.starts_with("TERM="))
+      variables.emplace_back(text);
+  }
+  variables.insert(variables.end(), setup.variables.begin(), setup.variables.end());
   std::vector<char*> envp;
   for (std::string& variable : variables) envp.push_back(variable.data());
   envp.push_back(nullptr);
@@ -253,6 +277,25 @@ Outcome run(const std::vector<std::string>& arguments, const std::string& input 
   int in = open(in_path.c_str(), O_RDONLY | O_CLOEXEC);
   int out = open(out_path.c_str(), O_WRONLY | O_CLOEXEC);
   int err = open(err_path.c_str(), O_WRONLY | O_CLOEXEC);
+  int master = -1;
+  if (setup.terminal != 0) {
+    master = posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC);
+    EXPECT_GE(master, 0);
+    EXPECT_EQ(grantpt(master), 0);
+    EXPECT_EQ(unlockpt(master), 0);
+    int& replaced = setup.terminal == 1 ? out : err;
+    close(replaced);
+    replaced = open(ptsname(master), O_RDWR | O_NOCTTY | O_CLOEXEC);
+    EXPECT_GE(replaced, 0);
+  }
+  std::string on_terminal;
+  auto drain = [&] {
+    char buffer[4096];
+    ssize_t got;
+    pollfd entry{master, POLLIN, 0};
+    while (master >= 0 && poll(&entry, 1, 0) > 0 && (got = read(master, buffer, sizeof buffer)) > 0)
+      on_terminal.append(buffer, static_cast<size_t>(got));
+  };
   int64_t started = runtime_getclock();
   pid_t pid = fork();
   if (pid == 0) {
@@ -268,6 +311,7 @@ Outcome run(const std::vector<std::string>& arguments, const std::string& input 
   int status = 0;
   // Bounded, so a hanging client fails its test instead of the whole run.
   while (waitpid(pid, &status, WNOHANG) == 0) {
+    drain();
     if (runtime_getclock() - started > 20000) {
       kill(pid, SIGKILL);
       waitpid(pid, &status, 0);
@@ -278,8 +322,10 @@ Outcome run(const std::vector<std::string>& arguments, const std::string& input 
   }
   result.elapsed_ms = runtime_getclock() - started;
   if (status != -1 && WIFEXITED(status)) result.status = WEXITSTATUS(status);
-  result.out = slurp(out_path);
-  result.err = slurp(err_path);
+  drain();
+  if (master >= 0) close(master);
+  result.out = setup.terminal == 1 ? on_terminal : slurp(out_path);
+  result.err = setup.terminal == 2 ? on_terminal : slurp(err_path);
   unlink(in_path.c_str());
   unlink(out_path.c_str());
   unlink(err_path.c_str());
@@ -306,6 +352,14 @@ TEST(Appsrvctl, ListPrintsOneNamePerLineInTheDaemonsOrder) {
   EXPECT_EQ(daemon.requests()[0].tag, kList);
 }
 
+TEST(Appsrvctl, ListEscapesControlBytesOnATerminal) {
+  FakeDaemon daemon([](socket_record* sock, const Request&) { reply_names(sock, {"alpha", "esc\x1b[0m\\"}); });
+  ASSERT_TRUE(daemon.listening());
+  Outcome result = run(with_address(daemon, {"ls"}), with_variables({}, 1));
+  EXPECT_EQ(result.status, 0) << result.err;
+  EXPECT_EQ(result.out, "alpha\r\nesc\\x1b[0m\\\\\r\n");
+}
+
 TEST(Appsrvctl, ListJsonIsOneArrayOfEscapedStrings) {
   FakeDaemon daemon([](socket_record* sock, const Request&) { reply_names(sock, {"a\"b", "c\\d", "e\x01" "f"}); });
   ASSERT_TRUE(daemon.listening());
@@ -321,7 +375,7 @@ TEST(Appsrvctl, ListJsonIsOneArrayOfEscapedStrings) {
 TEST(Appsrvctl, AddressComesFromTheEnvironmentWithoutAFlag) {
   FakeDaemon daemon([](socket_record* sock, const Request&) { reply_names(sock, {"only"}); });
   ASSERT_TRUE(daemon.listening());
-  Outcome result = run({"ls"}, "", address_of(daemon).c_str());
+  Outcome result = run({"ls"}, with_variables({"APPSRV_ADDRESS=" + address_of(daemon)}));
   EXPECT_EQ(result.status, 0) << result.err;
   EXPECT_EQ(result.out, "only\n");
 }
@@ -367,7 +421,7 @@ TEST(Appsrvctl, FailureReasonsBecomeStatuses) {
 TEST(Appsrvctl, RenameEndsWithTheStacksUpgrade) {
   FakeDaemon daemon([](socket_record* sock, const Request&) { reply_upgrade(sock); });
   ASSERT_TRUE(daemon.listening());
-  Outcome result = run(with_address(daemon, {"rename", "old", "new"}), "must not be sent\n");
+  Outcome result = run(with_address(daemon, {"rename", "old", "new"}), with_input("must not be sent\n"));
   EXPECT_EQ(result.status, 0) << result.err;
   EXPECT_EQ(result.out, "");
   EXPECT_EQ(result.err, "appsrvctl: " + address_of(daemon) + ": rename 'old' to 'new': renamed\n");
@@ -426,6 +480,27 @@ TEST(Appsrvctl, UploadStreamsALargeImageAndReportsTheStacksAnswer) {
   EXPECT_TRUE(received == contents) << "received " << received.size() << " bytes";
 }
 
+TEST(Appsrvctl, UploadShowsProgressOnlyOnATerminalThatAllowsIt) {
+  std::string image = temporary_file(std::string(3u << 20, 'p'));
+  FakeDaemon daemon([](socket_record* sock, const Request& request) {
+    if (request.tag == kList) return reply_names(sock, {});
+    read_bytes(sock, static_cast<uint64_t>(request.image_size));
+    reply_empty(sock);
+  });
+  ASSERT_TRUE(daemon.listening());
+  Outcome shown = run(with_address(daemon, {"upload", "app", image}), with_variables({"TERM=xterm"}, 2));
+  Outcome plain = run(with_address(daemon, {"upload", "app", image}), with_variables({"NO_COLOR=1"}, 2));
+  unlink(image.c_str());
+  EXPECT_EQ(shown.status, 0) << shown.err;
+  size_t full = shown.err.find("\r  3.0 MiB / 3.0 MiB  100%");
+  size_t report = shown.err.find("\r\nappsrvctl: ");
+  ASSERT_NE(full, std::string::npos) << shown.err;
+  EXPECT_GT(report, full) << "the bar ends its line before the report: " << shown.err;
+  EXPECT_EQ(shown.err.find('\n'), report + 1);
+  EXPECT_EQ(plain.status, 0) << plain.err;
+  EXPECT_EQ(plain.err, "appsrvctl: " + address_of(daemon) + ": upload 'app': deployed (3.0 MiB)\r\n");
+}
+
 TEST(Appsrvctl, UploadTakesAnEarlyRefusalWhileStreaming) {
   std::string image = temporary_file(std::string(16u << 20, 'x'));
   FakeDaemon daemon([](socket_record* sock, const Request& request) {
@@ -471,7 +546,7 @@ TEST(Appsrvctl, SelectJoinsStandardInputAndOutputToTheStack) {
     EXPECT_EQ(socket_raw_send(sock, answer.data(), &size), 0);
   });
   ASSERT_TRUE(daemon.listening());
-  Outcome result = run(with_address(daemon, {"attach", "app"}), "hello\nworld\n");
+  Outcome result = run(with_address(daemon, {"attach", "app"}), with_input("hello\nworld\n"));
   EXPECT_EQ(result.status, 0) << result.err;
   EXPECT_EQ(result.out, "got 12: hello\nworld\n");
   EXPECT_EQ(result.err, "");

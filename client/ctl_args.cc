@@ -104,9 +104,9 @@ constexpr const char kSelectHelp[] =
     "\n"
     "Common options: --address HOST:PORT, --timeout SECONDS (see appsrvctl --help).\n";
 
-void set_error(ctl_options* options, const char* format, const char* argument = "") {
+ctl_action set_error(ctl_options* options, const char* format, const char* argument = "") {
   snprintf(options->error, sizeof options->error, format, argument);
-  options->action = CTL_USAGE;
+  return options->action = CTL_USAGE;
 }
 
 bool is_option(const char* argument) { return argument[0] == '-' && argument[1] != '\0'; }
@@ -126,13 +126,14 @@ bool matches(const char* argument, std::string_view name) {
   return text.substr(0, name.size()) == name && (text.size() == name.size() || text[name.size()] == '=');
 }
 
-bool parse_port(const char* text, char* port) {
-  size_t length = strlen(text);
-  if (length == 0 || length > 5) return false;
+// Decimal 1..65535, at most five digits (a leading zero allowed), written
+// back without leading zeros.
+bool parse_port(std::string_view text, char* port) {
+  if (text.empty() || text.size() > 5) return false;
   uint32_t value = 0;
-  for (size_t i = 0; i < length; ++i) {
-    if (text[i] < '0' || text[i] > '9') return false;
-    value = value * 10 + static_cast<uint32_t>(text[i] - '0');
+  for (char c : text) {
+    if (c < '0' || c > '9') return false;
+    value = value * 10 + static_cast<uint32_t>(c - '0');
   }
   if (value < 1 || value > 65535) return false;
   snprintf(port, 8, "%u", value);
@@ -183,8 +184,7 @@ int ctl_parse_address(const char* text, ctl_address* address, char* error, uint6
     snprintf(error, error_size, bracketed ? "not a numeric IPv6 address" : "the host must be a numeric address");
     return -1;
   }
-  char port_text[8] = {};
-  if (port.size() >= sizeof port_text || (memcpy(port_text, port.data(), port.size()), !parse_port(port_text, address->port))) {
+  if (!parse_port(port, address->port)) {
     snprintf(error, error_size, "the port must be a number from 1 to 65535");
     return -1;
   }
@@ -243,37 +243,37 @@ ctl_action ctl_parse(int argc, char** argv, const char* environment_address, ctl
         options->force = 1;
       } else if (matches(argument, "--address")) {
         address_flag = option_value(argc, argv, &i, "--address");
-        if (address_flag == nullptr) return set_error(options, "option --address needs HOST:PORT"), CTL_USAGE;
+        if (address_flag == nullptr) return set_error(options, "option --address needs HOST:PORT");
       } else if (matches(argument, "--timeout")) {
         const char* value = option_value(argc, argv, &i, "--timeout");
-        if (value == nullptr) return set_error(options, "option --timeout needs SECONDS"), CTL_USAGE;
+        if (value == nullptr) return set_error(options, "option --timeout needs SECONDS");
         if (ctl_parse_timeout(value, &options->timeout_ms) != 0)
-          return set_error(options, "invalid --timeout '%s': give positive seconds up to 2147483", value), CTL_USAGE;
+          return set_error(options, "invalid --timeout '%s': give positive seconds up to 2147483", value);
       } else {
-        return set_error(options, "unknown option '%s'", argument), CTL_USAGE;
+        return set_error(options, "unknown option '%s'", argument);
       }
       continue;
     }
     if (options->command == CTL_NONE) {
       const command_entry* entry = find_command(argument);
-      if (entry == nullptr) return set_error(options, "unknown command '%s'", argument), CTL_USAGE;
+      if (entry == nullptr) return set_error(options, "unknown command '%s'", argument);
       options->command = entry->command;
       continue;
     }
     if (operands == operand_count(options->command))
-      return set_error(options, "too many arguments for %s", ctl_command_name(options->command)), CTL_USAGE;
+      return set_error(options, "too many arguments for %s", ctl_command_name(options->command));
     options->operands[operands++] = argument;
   }
 
   if (help) return options->action = CTL_HELP;
   if (version) return options->action = CTL_VERSION;
-  if (options->command == CTL_NONE) return set_error(options, "missing command"), CTL_USAGE;
+  if (options->command == CTL_NONE) return set_error(options, "missing command");
   if (operands < operand_count(options->command))
-    return set_error(options, "missing arguments for %s", ctl_command_name(options->command)), CTL_USAGE;
+    return set_error(options, "missing arguments for %s", ctl_command_name(options->command));
   if (options->json && options->command != CTL_LIST)
-    return set_error(options, "--json applies to list only"), CTL_USAGE;
+    return set_error(options, "--json applies to list only");
   if (options->force && options->command != CTL_DELETE)
-    return set_error(options, "--force applies to delete only"), CTL_USAGE;
+    return set_error(options, "--force applies to delete only");
 
   const char* address = address_flag;
   const char* source = "--address";
