@@ -136,3 +136,12 @@ std::string ctl_progress_line(uint64_t sent, uint64_t total, int64_t elapsed_ms)
              static_cast<unsigned long long>(left % 60));
   return line + buffer;
 }
+
+std::string ctl_seconds(uint32_t milliseconds) {
+  char buffer[32];
+  int length = snprintf(buffer, sizeof buffer, "%u.%03u", milliseconds / 1000, milliseconds % 1000);
+  // Trailing zeros of the fraction, and a bare point, say nothing.
+  while (buffer[length - 1] == '0') buffer[--length] = '\0';
+  if (buffer[length - 1] == '.') buffer[--length] = '\0';
+  return std::string(buffer) + " s";
+}

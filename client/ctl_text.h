@@ -42,3 +42,6 @@ std::string ctl_progress_line(uint64_t sent, uint64_t total, int64_t elapsed_ms)
 
 // A byte count for people: "512 B", "1.5 KiB", "12.0 MiB", "2.0 GiB".
 std::string ctl_human_bytes(uint64_t bytes);
+
+// A time-out as people read it: "30 s", "0.5 s", "1.25 s".
+std::string ctl_seconds(uint32_t milliseconds);

@@ -53,6 +53,14 @@ TEST(CtlText, TerminalEscapingLeavesNoControlByte) {
   }
 }
 
+TEST(CtlText, SecondsReadAsTyped) {
+  EXPECT_EQ(ctl_seconds(30000), "30 s");
+  EXPECT_EQ(ctl_seconds(500), "0.5 s");
+  EXPECT_EQ(ctl_seconds(1250), "1.25 s");
+  EXPECT_EQ(ctl_seconds(10), "0.01 s");
+  EXPECT_EQ(ctl_seconds(2147483000), "2147483 s");
+}
+
 TEST(CtlText, ProgressLineShowsBytesPercentRateAndTimeLeft) {
   EXPECT_EQ(ctl_human_bytes(0), "0 B");
   EXPECT_EQ(ctl_human_bytes(1023), "1023 B");

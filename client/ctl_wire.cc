@@ -111,12 +111,6 @@ bool reply_complete(const reply_root* root) {
 
 }  // namespace
 
-std::string ctl_seconds(uint32_t milliseconds) {
-  char buffer[32];
-  snprintf(buffer, sizeof buffer, "%g s", milliseconds / 1000.0);
-  return buffer;
-}
-
 int ctl_wait(int descriptor, short events, uint32_t timeout_ms) {
   int64_t deadline = runtime_getclock() + timeout_ms;
   for (;;) {

@@ -31,9 +31,6 @@ struct ctl_fault {
   std::string text;
 };
 
-// The time-out as people read it: "30 s", "0.5 s".
-std::string ctl_seconds(uint32_t milliseconds);
-
 // Opens a TCP connection to `address`, giving up after `timeout_ms`. The
 // socket is blocking and close-on-exec; the caller closes it.
 int ctl_connect(const ctl_address* address, uint32_t timeout_ms, socket_record* sock, ctl_fault* fault);
