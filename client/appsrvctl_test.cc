@@ -589,6 +589,33 @@ TEST(Appsrvctl, UnreachableAndSilentDaemonsEndWithStatusFive) {
   EXPECT_LT(timed_out.elapsed_ms, 1400) << "gave up before the daemon closed";
 }
 
+TEST(Appsrvctl, ConnectingGivesUpAfterTheTimeout) {
+  // A listener whose queue is full drops further connection attempts, so
+  // the client's connect would wait for the kernel's retries.
+  int listener = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  socklen_t length = sizeof address;
+  ASSERT_EQ(bind(listener, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+  ASSERT_EQ(listen(listener, 0), 0);
+  getsockname(listener, reinterpret_cast<sockaddr*>(&address), &length);
+  std::vector<int> fillers;
+  for (int i = 0; i < 2; ++i) {
+    int filler = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+    connect(filler, reinterpret_cast<sockaddr*>(&address), sizeof address);
+    fillers.push_back(filler);
+  }
+  usleep(50000);
+  std::string target = "127.0.0.1:" + std::to_string(ntohs(address.sin_port));
+  Outcome result = run({"--timeout", "0.5", "--address", target, "ls"});
+  for (int filler : fillers) close(filler);
+  close(listener);
+  EXPECT_EQ(result.status, 5);
+  EXPECT_EQ(result.err, "appsrvctl: " + target + ": list: timed out connecting after 0.5 s\n");
+  EXPECT_LT(result.elapsed_ms, 1500);
+}
+
 TEST(Appsrvctl, UsageErrorsEndWithStatusTwoAndAUsageLine) {
   Outcome missing = run({"delete"});
   EXPECT_EQ(missing.status, 2);

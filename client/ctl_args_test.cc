@@ -22,7 +22,8 @@ Parsed parse(std::initializer_list<const char*> words, const char* environment =
   argv.push_back(nullptr);
   Parsed parsed{};
   parsed.action = ctl_parse(static_cast<int>(storage.size()), argv.data(), environment, &parsed.options);
-  // The operands point into `storage`, which dies here; keep only whether they were set.
+  // The operands pointed into `storage`, which dies here: callers look at
+  // everything but them.
   return parsed;
 }
 
