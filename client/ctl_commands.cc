@@ -1,0 +1,120 @@
+#include "client/ctl_commands.h"
+
+#include <cstdarg>
+#include <cstdio>
+#include <unistd.h>
+
+void ctl_report(const ctl_options* options, const char* format, ...) {
+  fprintf(stderr, "appsrvctl: %s: ", options->address.display);
+  va_list arguments;
+  va_start(arguments, format);
+  vfprintf(stderr, format, arguments);
+  va_end(arguments);
+  fputc('\n', stderr);
+  fflush(stderr);
+}
+
+std::string ctl_quote(const char* name) { return "'" + ctl_terminal_escape(name) + "'"; }
+
+int ctl_exchange(const ctl_options* options, const std::string& what, const std::string& request,
+                 ctl_reply* reply) {
+  socket_record sock{};
+  ctl_fault fault{};
+  int result = ctl_connect(&options->address, options->timeout_ms, &sock, &fault);
+  if (result == 0) result = ctl_send_request(&sock, request, &fault);
+  if (result == 0) result = ctl_receive_reply(&sock, options->timeout_ms, reply, &fault);
+  socket_close(&sock);
+  if (result == 0) return 0;
+  ctl_report(options, "%s: %s", what.c_str(), fault.text.c_str());
+  return fault.status;
+}
+
+int ctl_report_failure(const ctl_options* options, const std::string& what, const ctl_reply* reply) {
+  ctl_report(options, "%s: %s", what.c_str(), ctl_terminal_escape(reply->reason).c_str());
+  return ctl_status_of_reason(reply->reason);
+}
+
+int ctl_run_list(const ctl_options* options) {
+  ctl_reply reply{};
+  int status = ctl_exchange(options, "list", ctl_encode_request(CTL_LIST, nullptr, nullptr, 0), &reply);
+  if (status != 0) return status;
+  if (reply.kind == CTL_REPLY_FAILURE) return ctl_report_failure(options, "list", &reply);
+  if (reply.kind == CTL_REPLY_UPGRADE) {
+    ctl_report(options, "list: unexpected reply");
+    return CTL_FAILED;
+  }
+  if (options->json) {
+    std::string out = "[";
+    for (size_t i = 0; i < reply.names.size(); ++i) out += (i ? "," : "") + ctl_json_string(reply.names[i]);
+    out += "]\n";
+    fputs(out.c_str(), stdout);
+  } else {
+    // A pipe gets the names as they are; a person's terminal never gets raw
+    // control bytes from a name.
+    bool terminal = isatty(STDOUT_FILENO) == 1;
+    for (const std::string& name : reply.names) {
+      std::string line = (terminal ? ctl_terminal_escape(name) : name) + "\n";
+      fwrite(line.data(), 1, line.size(), stdout);
+    }
+  }
+  if (fflush(stdout) != 0) {
+    ctl_report(options, "list: cannot write the names");
+    return CTL_FAILED;
+  }
+  return CTL_OK;
+}
+
+int ctl_run_delete(const ctl_options* options) {
+  const char* name = options->operands[0];
+  std::string what = "delete " + ctl_quote(name);
+  if (!ctl_name_valid(name)) {
+    ctl_report(options, "%s: invalid name", what.c_str());
+    return CTL_FAILED;
+  }
+  ctl_reply reply{};
+  int status = ctl_exchange(options, what, ctl_encode_request(CTL_DELETE, name, nullptr, 0), &reply);
+  if (status != 0) return status;
+  if (reply.kind == CTL_REPLY_FAILURE) {
+    if (options->force && ctl_status_of_reason(reply.reason) == CTL_UNKNOWN_NAME) {
+      ctl_report(options, "%s: already gone", what.c_str());
+      return CTL_OK;
+    }
+    return ctl_report_failure(options, what, &reply);
+  }
+  ctl_report(options, "%s: deleted", what.c_str());
+  return CTL_OK;
+}
+
+int ctl_run_rename(const ctl_options* options) {
+  const char* old_name = options->operands[0];
+  const char* new_name = options->operands[1];
+  std::string what = "rename " + ctl_quote(old_name) + " to " + ctl_quote(new_name);
+  if (!ctl_name_valid(old_name)) {
+    ctl_report(options, "%s: invalid old name", what.c_str());
+    return CTL_FAILED;
+  }
+  if (!ctl_name_valid(new_name)) {
+    ctl_report(options, "%s: invalid new name", what.c_str());
+    return CTL_FAILED;
+  }
+  ctl_reply reply{};
+  int status = ctl_exchange(options, what, ctl_encode_request(CTL_RENAME, old_name, new_name, 0), &reply);
+  if (status != 0) return status;
+  if (reply.kind == CTL_REPLY_FAILURE) return ctl_report_failure(options, what, &reply);
+  // The renamed stack took the connection over and said so with `upgrade`;
+  // the rename is done and there is nothing to talk about.
+  ctl_report(options, "%s: renamed", what.c_str());
+  return CTL_OK;
+}
+
+int ctl_run(const ctl_options* options) {
+  switch (options->command) {
+    case CTL_LIST: return ctl_run_list(options);
+    case CTL_UPLOAD: return ctl_run_upload(options);
+    case CTL_DELETE: return ctl_run_delete(options);
+    case CTL_RENAME: return ctl_run_rename(options);
+    case CTL_SELECT: return ctl_run_select(options);
+    case CTL_NONE: break;
+  }
+  return CTL_USAGE_ERROR;
+}

@@ -1,0 +1,32 @@
+// The subcommands of appsrvctl. Each returns the exit status and writes its
+// own messages: data on standard output, every message on standard error as
+// "appsrvctl: ADDRESS: TEXT".
+#pragma once
+
+#include <string>
+
+#include "client/ctl_args.h"
+#include "client/ctl_wire.h"
+
+int ctl_run(const ctl_options* options);
+
+int ctl_run_list(const ctl_options* options);
+int ctl_run_delete(const ctl_options* options);
+int ctl_run_rename(const ctl_options* options);
+int ctl_run_upload(const ctl_options* options);  // ctl_upload.cc
+int ctl_run_select(const ctl_options* options);  // ctl_select.cc
+
+// Writes "appsrvctl: ADDRESS: " and the formatted text with a newline on
+// standard error.
+void ctl_report(const ctl_options* options, const char* format, ...) __attribute__((format(printf, 2, 3)));
+
+// A name as it appears in messages: single-quoted and terminal-safe.
+std::string ctl_quote(const char* name);
+
+// Connects, sends the request and reads the one reply. 0 with `reply`
+// filled, or the status to end with after reporting "what: fault".
+int ctl_exchange(const ctl_options* options, const std::string& what, const std::string& request,
+                 ctl_reply* reply);
+
+// Ends a command on a failure reply: reports `what: reason`, returns its status.
+int ctl_report_failure(const ctl_options* options, const std::string& what, const ctl_reply* reply);

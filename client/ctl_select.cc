@@ -1,0 +1,105 @@
+// select NAME: ask for the stack, and once it has taken the connection over
+// (`upgrade`), join standard input and output to it until either side closes.
+#include <cerrno>
+#include <cstring>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include "base/runtime.h"
+#include "client/ctl_commands.h"
+
+namespace {
+
+constexpr size_t kBuffer = 64 * 1024;
+// An idle stack is started again by the select that found it idle; this gives
+// its process time to come up before the one more attempt.
+constexpr uint32_t kResurrectWait_ms = 1000;
+constexpr const char kResurrecting[] = "resurrecting dead stack";
+
+// Writes all of `size` bytes; false when the descriptor refuses them.
+bool write_all(int descriptor, const char* bytes, size_t size, bool is_socket) {
+  while (size > 0) {
+    ssize_t put = is_socket ? send(descriptor, bytes, size, MSG_NOSIGNAL) : write(descriptor, bytes, size);
+    if (put < 0 && errno == EINTR) continue;
+    if (put <= 0) return false;
+    bytes += put;
+    size -= static_cast<size_t>(put);
+  }
+  return true;
+}
+
+// Copies both ways until the stack closes the connection or standard output
+// goes away. End of standard input is passed on as a half close, so the
+// application sees it and can still answer.
+int join(const ctl_options* options, const std::string& what, int connection) {
+  char buffer[kBuffer];
+  bool input_open = true;
+  bool sending = true;  // false once the stack stopped taking bytes
+  for (;;) {
+    pollfd entries[2] = {{connection, POLLIN, 0}, {STDIN_FILENO, POLLIN, 0}};
+    int ready = poll(entries, input_open ? 2 : 1, -1);
+    if (ready < 0) {
+      if (errno == EINTR) continue;
+      ctl_report(options, "%s: %s", what.c_str(), strerror(errno));
+      return CTL_FAILED;
+    }
+    if (entries[0].revents != 0) {
+      ssize_t got = recv(connection, buffer, sizeof buffer, 0);
+      if (got < 0 && errno == EINTR) continue;
+      if (got < 0) {
+        ctl_report(options, "%s: connection lost: %s", what.c_str(), strerror(errno));
+        return CTL_UNREACHABLE;
+      }
+      if (got == 0) return CTL_OK;
+      if (!write_all(STDOUT_FILENO, buffer, static_cast<size_t>(got), false)) return CTL_OK;
+    }
+    if (input_open && entries[1].revents != 0) {
+      ssize_t got = read(STDIN_FILENO, buffer, sizeof buffer);
+      if (got < 0 && errno == EINTR) continue;
+      if (got > 0 && sending) sending = write_all(connection, buffer, static_cast<size_t>(got), true);
+      if (got <= 0) {
+        input_open = false;
+        shutdown(connection, SHUT_WR);
+      }
+    }
+  }
+}
+
+}  // namespace
+
+int ctl_run_select(const ctl_options* options) {
+  const char* name = options->operands[0];
+  std::string what = "select " + ctl_quote(name);
+  if (!ctl_name_valid(name)) {
+    ctl_report(options, "%s: invalid name", what.c_str());
+    return CTL_FAILED;
+  }
+  std::string request = ctl_encode_request(CTL_SELECT, name, nullptr, 0);
+  for (int attempt = 0;; ++attempt) {
+    socket_record sock{};
+    ctl_fault fault{};
+    ctl_reply reply{};
+    int result = ctl_connect(&options->address, options->timeout_ms, &sock, &fault);
+    if (result == 0) result = ctl_send_request(&sock, request, &fault);
+    if (result == 0) result = ctl_receive_reply(&sock, options->timeout_ms, &reply, &fault);
+    if (result != 0) {
+      socket_close(&sock);
+      ctl_report(options, "%s: %s", what.c_str(), fault.text.c_str());
+      return fault.status;
+    }
+    if (reply.kind == CTL_REPLY_UPGRADE) {
+      int status = join(options, what, sock.descriptor);
+      socket_close(&sock);
+      return status;
+    }
+    socket_close(&sock);
+    if (reply.kind != CTL_REPLY_FAILURE) {
+      ctl_report(options, "%s: unexpected reply", what.c_str());
+      return CTL_FAILED;
+    }
+    if (attempt > 0 || reply.reason != kResurrecting) return ctl_report_failure(options, what, &reply);
+    ctl_report(options, "%s: %s, asking again", what.c_str(), kResurrecting);
+    runtime_sleep(kResurrectWait_ms);
+  }
+}

@@ -1,0 +1,147 @@
+#include "client/ctl_text.h"
+
+#include <cstdio>
+
+int ctl_name_valid(std::string_view name) {
+  if (name.empty() || name.size() > 1023) return 0;
+  // A zero byte would end the name early on the daemon's side.
+  for (char c : name)
+    if (c == '\a' || c == '\b' || c == '\f' || c == '\n' || c == '\r' || c == '\t' || c == '\v' || c == '\0')
+      return 0;
+  return 1;
+}
+
+ctl_status ctl_status_of_reason(std::string_view reason) {
+  if (reason == "unknown name") return CTL_UNKNOWN_NAME;
+  if (reason == "duplicate name") return CTL_DUPLICATE_NAME;
+  return CTL_FAILED;
+}
+
+namespace {
+
+// Length of the valid UTF-8 sequence at the start of `text`, or 0.
+size_t utf8_sequence(std::string_view text) {
+  auto byte = [&](size_t i) { return static_cast<unsigned char>(text[i]); };
+  unsigned char lead = byte(0);
+  size_t length;
+  uint32_t minimum;
+  uint32_t value;
+  if (lead < 0x80) return 1;
+  if ((lead & 0xe0) == 0xc0) {
+    length = 2, minimum = 0x80, value = lead & 0x1f;
+  } else if ((lead & 0xf0) == 0xe0) {
+    length = 3, minimum = 0x800, value = lead & 0x0f;
+  } else if ((lead & 0xf8) == 0xf0) {
+    length = 4, minimum = 0x10000, value = lead & 0x07;
+  } else {
+    return 0;
+  }
+  if (text.size() < length) return 0;
+  for (size_t i = 1; i < length; ++i) {
+    if ((byte(i) & 0xc0) != 0x80) return 0;
+    value = (value << 6) | (byte(i) & 0x3f);
+  }
+  // Overlong forms, surrogates and values beyond Unicode are not UTF-8.
+  if (value < minimum || value > 0x10ffff || (value >= 0xd800 && value <= 0xdfff)) return 0;
+  return length;
+}
+
+void append_hex(std::string* out, const char* format, unsigned value) {
+  char buffer[8];
+  snprintf(buffer, sizeof buffer, format, value);
+  out->append(buffer);
+}
+
+}  // namespace
+
+std::string ctl_json_string(std::string_view text) {
+  std::string out = "\"";
+  for (size_t i = 0; i < text.size();) {
+    unsigned char c = static_cast<unsigned char>(text[i]);
+    if (c == '"' || c == '\\') {
+      out += '\\';
+      out += static_cast<char>(c);
+      ++i;
+    } else if (c < 0x20 || c == 0x7f) {
+      append_hex(&out, "\\u%04x", c);
+      ++i;
+    } else {
+      size_t length = utf8_sequence(text.substr(i));
+      if (length == 0) {
+        out += "\\ufffd";
+        ++i;
+      } else {
+        out.append(text.substr(i, length));
+        i += length;
+      }
+    }
+  }
+  out += '"';
+  return out;
+}
+
+std::string ctl_terminal_escape(std::string_view text) {
+  std::string out;
+  for (size_t i = 0; i < text.size(); ++i) {
+    unsigned char c = static_cast<unsigned char>(text[i]);
+    bool c1 = c == 0xc2 && i + 1 < text.size() && static_cast<unsigned char>(text[i + 1]) >= 0x80 &&
+              static_cast<unsigned char>(text[i + 1]) <= 0x9f;
+    if (c == '\\') {
+      out += "\\\\";
+    } else if (c < 0x20 || c == 0x7f) {
+      append_hex(&out, "\\x%02x", c);
+    } else if (c1) {
+      append_hex(&out, "\\x%02x", c);
+      append_hex(&out, "\\x%02x", static_cast<unsigned char>(text[++i]));
+    } else {
+      out += static_cast<char>(c);
+    }
+  }
+  return out;
+}
+
+std::string ctl_human_bytes(uint64_t bytes) {
+  char buffer[32];
+  if (bytes < 1024) {
+    snprintf(buffer, sizeof buffer, "%llu B", static_cast<unsigned long long>(bytes));
+    return buffer;
+  }
+  constexpr const char* kUnits[] = {"KiB", "MiB", "GiB", "TiB", "PiB", "EiB"};
+  double value = static_cast<double>(bytes) / 1024;
+  size_t unit = 0;
+  while (value >= 1024 && unit + 1 < std::size(kUnits)) {
+    value /= 1024;
+    ++unit;
+  }
+  snprintf(buffer, sizeof buffer, "%.1f %s", value, kUnits[unit]);
+  return buffer;
+}
+
+std::string ctl_progress_line(uint64_t sent, uint64_t total, int64_t elapsed_ms) {
+  unsigned percent = total == 0 ? 100 : static_cast<unsigned>(sent * 100.0 / static_cast<double>(total));
+  std::string line = "  " + ctl_human_bytes(sent) + " / " + ctl_human_bytes(total);
+  char buffer[64];
+  snprintf(buffer, sizeof buffer, "  %3u%%", percent);
+  line += buffer;
+  // Below a fifth of a second the rate is mostly noise.
+  if (elapsed_ms < 200 || sent == 0) return line + "  --/s  --:-- left";
+  double rate = static_cast<double>(sent) * 1000.0 / static_cast<double>(elapsed_ms);
+  line += "  " + ctl_human_bytes(static_cast<uint64_t>(rate)) + "/s";
+  uint64_t left = static_cast<uint64_t>(static_cast<double>(total - sent) / rate + 0.5);
+  if (left >= 3600)
+    snprintf(buffer, sizeof buffer, "  %llu:%02llu:%02llu left", static_cast<unsigned long long>(left / 3600),
+             static_cast<unsigned long long>(left / 60 % 60), static_cast<unsigned long long>(left % 60));
+  else
+    snprintf(buffer, sizeof buffer, "  %llu:%02llu left", static_cast<unsigned long long>(left / 60),
+             static_cast<unsigned long long>(left % 60));
+  return line + buffer;
+}
+
+std::string ctl_seconds(uint32_t milliseconds) {
+  char buffer[32];
+  int length = snprintf(buffer, sizeof buffer, "%u.%03u", milliseconds / 1000, milliseconds % 1000);
+  // Trailing zeros of the fraction, and a bare point, say nothing.
+  while (buffer[length - 1] == '0') buffer[--length] = '\0';
+  if (buffer[length - 1] == '.') buffer[--length] = '\0';
+  return std::string(buffer) + " s";
+}

@@ -1,0 +1,47 @@
+// The texts appsrvctl writes and the rules it shares with the daemon: which
+// names the daemon accepts, which exit status a failure reason maps to, how
+// names are escaped for JSON and for a terminal, and the upload progress line.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+
+// Exit statuses of appsrvctl.
+enum ctl_status : int {
+  CTL_OK = 0,
+  CTL_FAILED = 1,  // a failure reply without a status of its own
+  CTL_USAGE_ERROR = 2,
+  CTL_UNKNOWN_NAME = 3,
+  CTL_DUPLICATE_NAME = 4,
+  CTL_UNREACHABLE = 5,  // cannot connect, timed out, or closed without a reply
+};
+
+// The daemon's own rule: 1 to 1023 bytes, none of bell, backspace, form feed,
+// line feed, carriage return, tab, vertical tab. 1 when valid.
+int ctl_name_valid(std::string_view name);
+
+// The exit status for a failure reply's reason.
+ctl_status ctl_status_of_reason(std::string_view reason);
+
+// A JSON string literal, quotes included. Valid UTF-8 passes through; control
+// bytes, quotes and backslashes are escaped; a byte that is not part of valid
+// UTF-8 becomes \ufffd, so the output is always valid JSON.
+std::string ctl_json_string(std::string_view text);
+
+// The text safe for a terminal: control bytes (C0, DEL, and the UTF-8 forms of
+// the C1 controls) become \xNN and a backslash becomes \\, so that nothing a
+// name holds can move the cursor or change the terminal's state.
+std::string ctl_terminal_escape(std::string_view text);
+
+// One progress line (no carriage return, no newline), for example
+// "  12.0 MiB / 40.0 MiB  30%  4.0 MiB/s  0:07 left". `elapsed_ms` is the time
+// since the first byte went out; the rate and time left read "--" until
+// some time has passed.
+std::string ctl_progress_line(uint64_t sent, uint64_t total, int64_t elapsed_ms);
+
+// A byte count for people: "512 B", "1.5 KiB", "12.0 MiB", "2.0 GiB".
+std::string ctl_human_bytes(uint64_t bytes);
+
+// A time-out as people read it: "30 s", "0.5 s", "1.25 s".
+std::string ctl_seconds(uint32_t milliseconds);
