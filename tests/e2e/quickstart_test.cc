@@ -18,13 +18,13 @@ using e2e::Daemon;
 
 namespace {
 
-struct Run {
+struct Outcome {
   int status = -1;
   std::string out, err;
 };
 
 // Runs appsrvctl against the daemon with `input` on its standard input.
-Run appsrvctl(const Daemon& daemon, const std::vector<std::string>& arguments, const std::string& input = "") {
+Outcome appsrvctl(const Daemon& daemon, const std::vector<std::string>& arguments, const std::string& input = "") {
   int in[2], out[2], err[2];
   if (pipe2(in, O_CLOEXEC) != 0 || pipe2(out, O_CLOEXEC) != 0 || pipe2(err, O_CLOEXEC) != 0) return {};
   pid_t pid = fork();
@@ -45,7 +45,7 @@ Run appsrvctl(const Daemon& daemon, const std::vector<std::string>& arguments, c
   close(err[1]);
   if (!input.empty()) (void)!write(in[1], input.data(), input.size());
   close(in[1]);
-  Run run;
+  Outcome run;
   pollfd fds[2] = {{out[0], POLLIN, 0}, {err[0], POLLIN, 0}};
   for (int open = 2; open > 0 && poll(fds, 2, 20000) > 0;) {
     for (int i = 0; i < 2; ++i) {
@@ -89,16 +89,16 @@ class Quickstart : public testing::Test {
 }  // namespace
 
 TEST_F(Quickstart, UploadSelectRenameDelete) {
-  Run upload = appsrvctl(daemon_, {"upload", "hello", kExample});
+  Outcome upload = appsrvctl(daemon_, {"upload", "hello", kExample});
   ASSERT_EQ(upload.status, 0) << upload.err;
   EXPECT_EQ(appsrvctl(daemon_, {"list"}).out, "hello\n");
 
-  Run session = appsrvctl(daemon_, {"select", "hello"}, "hi there\nquit\n");
+  Outcome session = appsrvctl(daemon_, {"select", "hello"}, "hi there\nquit\n");
   EXPECT_EQ(session.status, 0) << session.err;
   EXPECT_EQ(session.out, "hello from hello\nhello: hi there\nbye\n");
 
   EXPECT_EQ(appsrvctl(daemon_, {"rename", "hello", "greeter"}).status, 0);
-  Run renamed = appsrvctl(daemon_, {"select", "greeter"}, "quit\n");
+  Outcome renamed = appsrvctl(daemon_, {"select", "greeter"}, "quit\n");
   EXPECT_EQ(renamed.out, "hello from greeter\nbye\n") << "a later handler sees the new name";
 
   EXPECT_EQ(appsrvctl(daemon_, {"delete", "greeter"}).status, 0);
@@ -109,7 +109,7 @@ TEST_F(Quickstart, UploadSelectRenameDelete) {
 TEST_F(Quickstart, AnInvalidImageIsRefusedAndItsStackRemoved) {
   std::string text = daemon_.path("notes.txt");
   e2e::write_file(text, "just some text\n");
-  Run upload = appsrvctl(daemon_, {"upload", "notes", text});
+  Outcome upload = appsrvctl(daemon_, {"upload", "notes", text});
   EXPECT_EQ(upload.status, 1);
   EXPECT_TRUE(contains(upload.err, "invalid image")) << upload.err;
   // The deploying runtime exits without the deployed marker; supervision
