@@ -1,5 +1,4 @@
-// The common machinery: the failure hook, the recovery point as a user arms
-// it, and the message arena.
+// The common machinery: the failure hook and the recovery point.
 #include <gtest/gtest.h>
 
 #include <vector>
@@ -53,36 +52,14 @@ TEST(RecoveryPoint, AHookThatGoesBackAbandonsTheMessage) {
   EXPECT_EQ(root->failure_reason, nullptr);  // the hook left before the reason was stored
 }
 
-TEST(RecoveryPoint, FailuresGoBackWithTheirReason) {
-  // The way the daemon handles one request; null when it completes.
-  auto handle = [](const std::string& bytes) -> const char* {
-    dympage* arena = REQ(create_allocator_f)();
-    auto* root = REQ(root_t___allocate_f)(arena);
-    const char* reason = nullptr;
-    try {
-      if (parse_with(&REQ(parse_bin_f), arena, root, bytes) != 0) message_recover(root);
-      if (root->type.tag != 1) message_recover(root, "not a list");
-    } catch (const message_recovery& recovery) {
-      reason = recovery.root->failure_reason;
-    }
-    REQ(destroy_allocator_f)(arena);
-    return reason;
-  };
-  EXPECT_EQ(handle(Wire().u32(1).str()), nullptr);
-  EXPECT_STREQ(handle(Wire().u32(1).raw("!").str()), "trailing bytes");
-  EXPECT_STREQ(handle(Wire().u32(0).text("a").str()), "not a list");
-}
-
-TEST(MessageArena, BlocksComeZeroFilledAndAlignedTextsAreCopied) {
-  dympage* arena = REQ(create_allocator_f)();
-  auto* block = static_cast<char*>(REQ(allocate_block_f)(arena, 100, 64));
-  EXPECT_EQ(reinterpret_cast<uintptr_t>(block) % 64, 0u);
-  EXPECT_EQ(std::string(block, 100), std::string(100, '\0'));
-  const char* original = "stack";
-  char* copy = REQ(allocate_text_f)(arena, original, 5);
-  EXPECT_NE(copy, original);
-  EXPECT_STREQ(copy, "stack");
-  REQ(destroy_allocator_f)(arena);
+TEST(RecoveryPoint, GoingBackKeepsTheRecordedReasonOrStoresTheOneGiven) {
+  TestArena arena;
+  auto* root = REQ(root_t___allocate_f)(arena);
+  EXPECT_EQ(parse_with(&REQ(parse_bin_f), arena, root, Wire().u32(1).raw("!").str()), -1);
+  EXPECT_THROW(message_recover(root), message_recovery);
+  EXPECT_EQ(reason_of(root), "trailing bytes");
+  EXPECT_THROW(message_recover(root, "end-of-stream"), message_recovery);
+  EXPECT_EQ(reason_of(root), "end-of-stream");
 }
 
 }  // namespace
