@@ -38,13 +38,15 @@ struct TestArena {
 };
 
 // Serializes into a growable memory stream, or into a fixed one that takes
-// at most `capacity` bytes. `result` gets the serializer's.
+// at most `capacity` bytes. `result`, if given, gets the serializer's.
 template <typename Root>
-std::string serialize_with(int (*serialize)(Root*, ostream*), Root* root, int* result, int64_t capacity = -1) {
+std::string serialize_with(int (*serialize)(Root*, ostream*), Root* root, int* result = nullptr,
+                           int64_t capacity = -1) {
   uint64_t size = capacity < 0 ? 0 : static_cast<uint64_t>(capacity);
   char* buffer = capacity < 0 ? nullptr : static_cast<char*>(runtime_malloc(size + 1));
   ostream* output = ostream_create_memory2(&buffer, &size, capacity < 0 ? 1 : 0);
-  *result = serialize(root, output);
+  int serialized = serialize(root, output);
+  if (result != nullptr) *result = serialized;
   ostream_destroy(output);
   std::string bytes(buffer == nullptr ? "" : buffer, size);
   free(buffer);
@@ -60,8 +62,4 @@ int parse_with(int (*parse)(dympage*, Root*, istream*), dympage* arena, Root* ro
   if (unread != nullptr) *unread = istream_remaining(input);
   istream_destroy(input);
   return result;
-}
-
-inline std::string reason_of(const message_root* root) {
-  return root->failure_reason == nullptr ? "(none)" : root->failure_reason;
 }
