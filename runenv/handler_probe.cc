@@ -10,8 +10,7 @@
 int main() {
   char line[1024] = "";
   if (fgets(line, sizeof line, stdin) != nullptr) line[strcspn(line, "\n")] = '\0';
-  char cwd[4096] = "?";
-  if (getcwd(cwd, sizeof cwd) == nullptr) strcpy(cwd, "?");
+  char cwd[4096];
   std::string descriptors;
   DIR* directory = opendir("/proc/self/fd");
   while (dirent* entry = directory != nullptr ? readdir(directory) : nullptr)
@@ -21,6 +20,6 @@ int main() {
   printf("line=%s\n", line);
   for (const char* name : {"APPSRV_STACK_NAME", "APPSRV_STACK_PATH", "APPSRV_STORE_PATH"})
     printf("%s=%s\n", name, getenv(name) != nullptr ? getenv(name) : "<unset>");
-  printf("pwd=%s\nfds=%s\n", cwd, descriptors.c_str());
+  printf("pwd=%s\nfds=%s\n", getcwd(cwd, sizeof cwd) != nullptr ? cwd : "?", descriptors.c_str());
   return 0;
 }

@@ -13,38 +13,30 @@ namespace {
 
 class RunenvImage : public ::testing::Test {
  protected:
-  void SetUp() override {
-    char pattern[] = "/tmp/runenv-image-XXXXXX";
-    ASSERT_NE(mkdtemp(pattern), nullptr);
-    directory_ = pattern;
-    path_ = directory_ + "/image";
-  }
+  void SetUp() override { ASSERT_NE(mkdtemp(directory_.data()), nullptr); }
   void TearDown() override { std::filesystem::remove_all(directory_); }
-  void write(const std::string& contents, mode_t mode = 0644) {
-    std::ofstream(path_, std::ios::binary | std::ios::trunc) << contents;
-    chmod(path_.c_str(), mode);
+  std::string write(const std::string& contents, mode_t mode = 0644) {
+    std::string path = directory_ + "/image";
+    std::ofstream(path, std::ios::binary | std::ios::trunc) << contents;
+    chmod(path.c_str(), mode);
+    return path;
   }
-  std::string directory_, path_;
+  std::string directory_ = "/tmp/runenv-image-XXXXXX";
 };
 
 TEST_F(RunenvImage, AcceptsOnlyRegularFilesThatAreElfProgramsOrScripts) {
-  const struct {
-    std::string head;
-    int result;
-  } cases[] = {{std::string("\x7f" "ELF\x02\x01\x01", 7), 0}, {std::string("\x7f" "ELF", 4), 0},
-               {"#!/bin/sh\necho hello\n", 0}, {"#!", 0}, {"", -1}, {"#", -1}, {" #!/bin/sh\n", -1},
-               {std::string("\x7f" "EL", 3), -1}, {std::string("\x7f" "elf", 4), -1}, {"echo hello\n", -1},
-               {std::string(4, '\0'), -1}};
-  const char* reason = nullptr;
-  for (const auto& c : cases) {
-    write(c.head);
-    reason = nullptr;
-    EXPECT_EQ(runenv_image_check(path_.c_str(), &reason), c.result) << ::testing::PrintToString(c.head);
-    EXPECT_TRUE(c.result == 0 || reason != nullptr);  // the deployment logs it
+  const std::pair<std::string, int> cases[] = {
+      {std::string("\x7f" "ELF\x02\x01\x01", 7), 0}, {std::string("\x7f" "ELF", 4), 0}, {"#!/bin/sh\necho hi\n", 0},
+      {"#!", 0}, {"", -1}, {"#", -1}, {" #!/bin/sh\n", -1}, {std::string("\x7f" "EL", 3), -1},
+      {std::string("\x7f" "elf", 4), -1}, {"echo hi\n", -1}, {std::string(4, '\0'), -1}};
+  for (const auto& [head, result] : cases) {
+    const char* reason = nullptr;
+    EXPECT_EQ(runenv_image_check(write(head).c_str(), &reason), result) << ::testing::PrintToString(head);
+    EXPECT_TRUE(result == 0 || reason != nullptr);  // the deployment logs it
   }
   ASSERT_EQ(mkdir((directory_ + "/sub").c_str(), 0755), 0);
   for (const std::string& other : {directory_ + "/missing", directory_ + "/sub"}) {
-    reason = nullptr;
+    const char* reason = nullptr;
     EXPECT_EQ(runenv_image_check(other.c_str(), &reason), -1) << other;
     EXPECT_NE(reason, nullptr);
   }
@@ -52,11 +44,9 @@ TEST_F(RunenvImage, AcceptsOnlyRegularFilesThatAreElfProgramsOrScripts) {
 
 TEST_F(RunenvImage, ExecuteFollowsRead) {
   for (auto [before, after] : {std::pair<mode_t, mode_t>{0644, 0755}, {0600, 0700}, {0640, 0750}}) {
-    write("#!/bin/sh\n", before);
-    ASSERT_EQ(runenv_image_make_executable(path_.c_str()), 0);
-    struct stat info {};
-    ASSERT_EQ(stat(path_.c_str(), &info), 0);
-    EXPECT_EQ(info.st_mode & 07777, after) << std::oct << before;
+    ASSERT_EQ(runenv_image_make_executable(write("#!/bin/sh\n", before).c_str()), 0);
+    EXPECT_EQ(static_cast<mode_t>(std::filesystem::status(directory_ + "/image").permissions()), after)
+        << std::oct << before;
   }
   EXPECT_EQ(runenv_image_make_executable((directory_ + "/missing").c_str()), -1);
 }
