@@ -139,10 +139,7 @@ class Runtime : public ::testing::Test {
   }
 
   void TearDown() override {
-    if (pid_ > 0) {
-      kill(-pid_, SIGKILL);
-      waitpid(pid_, nullptr, 0);
-    }
+    stop();
     socket_close(&node_);
     std::filesystem::remove_all(root_);
   }
@@ -170,6 +167,7 @@ class Runtime : public ::testing::Test {
   // Starts the runtime as the daemon does: relative paths from the working
   // directory, its own process group, `inherited` left open under its number.
   void start(std::vector<std::string> words, int inherited = -1) {
+    stop();
     std::vector<char*> argv{const_cast<char*>(RUNENV_BINARY)};
     for (std::string& word : words) argv.push_back(word.data());
     argv.push_back(nullptr);
@@ -226,6 +224,12 @@ class Runtime : public ::testing::Test {
     EXPECT_TRUE(send_control(message, end)) << socket_strerror(&node_);
     close(end);
     return std::move(client);
+  }
+
+  // Kills a runtime that has not been seen to exit, with its handlers.
+  void stop() {
+    if (pid_ > 0 && kill(-pid_, SIGKILL) == 0) waitpid(pid_, nullptr, 0);
+    pid_ = -1;
   }
 
   // The exit status, or -1 when the runtime did not exit in time.
