@@ -7,38 +7,19 @@
 #include <string>
 #include <unistd.h>
 
-namespace {
-
-std::string open_descriptors() {
-  DIR* directory = opendir("/proc/self/fd");
-  if (directory == nullptr) return "?";
-  int own = dirfd(directory);
-  std::string list;
-  while (dirent* entry = readdir(directory)) {
-    if (entry->d_name[0] == '.' || atoi(entry->d_name) == own) continue;
-    list += (list.empty() ? "" : " ") + std::string(entry->d_name);
-  }
-  closedir(directory);
-  return list;
-}
-
-const char* variable(const char* name) {
-  const char* value = getenv(name);
-  return value != nullptr ? value : "<unset>";
-}
-
-}  // namespace
-
 int main() {
   char line[1024] = "";
   if (fgets(line, sizeof line, stdin) != nullptr) line[strcspn(line, "\n")] = '\0';
-  char cwd[4096] = "";
-  if (getcwd(cwd, sizeof cwd) == nullptr) strcpy(cwd, "?");
+  char cwd[4096];
+  std::string descriptors;
+  DIR* directory = opendir("/proc/self/fd");
+  while (dirent* entry = directory != nullptr ? readdir(directory) : nullptr)
+    if (entry->d_name[0] != '.' && atoi(entry->d_name) != dirfd(directory))
+      descriptors += (descriptors.empty() ? "" : " ") + std::string(entry->d_name);
+  if (directory != nullptr) closedir(directory);
   printf("line=%s\n", line);
-  printf("name=%s\n", variable("APPSRV_STACK_NAME"));
-  printf("stack=%s\n", variable("APPSRV_STACK_PATH"));
-  printf("store=%s\n", variable("APPSRV_STORE_PATH"));
-  printf("pwd=%s\n", cwd);
-  printf("fds=%s\n", open_descriptors().c_str());
+  for (const char* name : {"APPSRV_STACK_NAME", "APPSRV_STACK_PATH", "APPSRV_STORE_PATH"})
+    printf("%s=%s\n", name, getenv(name) != nullptr ? getenv(name) : "<unset>");
+  printf("pwd=%s\nfds=%s\n", getcwd(cwd, sizeof cwd) != nullptr ? cwd : "?", descriptors.c_str());
   return 0;
 }
