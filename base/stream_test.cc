@@ -59,6 +59,7 @@ TEST(MemoryOutput, GrowsTo1024ThenDoublesOrTakesWhatAWriteNeeds) {
 
   // Nothing written still leaves a 1-byte terminated buffer.
   buffer = nullptr;
+  size = 0;
   out = ostream_create_memory(&buffer, &size);
   ostream_destroy(out);
   ASSERT_NE(buffer, nullptr);
