@@ -5,8 +5,8 @@
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
+#include <filesystem>
 #include <fstream>
-#include <sstream>
 #include <string>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -28,9 +28,7 @@ void write_file(const std::string& path, const std::string& contents) { std::ofs
 
 std::string read_file(const std::string& path) {
   std::ifstream in(path);
-  std::stringstream text;
-  text << in.rdbuf();
-  return in ? text.str() : "<missing>";
+  return in ? std::string(std::istreambuf_iterator<char>(in), {}) : "<missing>";
 }
 
 TEST(FsPaths, JoinDirnameAndBasenameRules) {
@@ -68,26 +66,20 @@ TEST(FsPaths, JoinDirnameAndBasenameRules) {
 // directory, so relative paths behave as they do for the daemon.
 class FsTest : public testing::Test {
  protected:
-  void SetUp() override {
-    char pattern[] = "/tmp/appsrv-fs-XXXXXX";
-    ASSERT_NE(mkdtemp(pattern), nullptr);
-    root_ = pattern;
-    ASSERT_NE(getcwd(previous_, sizeof previous_), nullptr);
-    ASSERT_EQ(chdir(root_.c_str()), 0);
+  FsTest() : previous_(std::filesystem::current_path()) {
+    EXPECT_NE(mkdtemp(root_), nullptr);
+    std::filesystem::current_path(root_);
   }
-  void TearDown() override {
-    ASSERT_EQ(chdir(previous_), 0);
-    ASSERT_EQ(system(("rm -rf '" + root_ + "'").c_str()), 0);
+  ~FsTest() override {
+    std::filesystem::current_path(previous_);
+    std::filesystem::remove_all(root_);
   }
-  std::string root_;
-  char previous_[4096];
+  char root_[32] = "/tmp/appsrv-fs-XXXXXX";
+  std::filesystem::path previous_;
 };
 
 TEST_F(FsTest, TypesFollowSymbolicLinks) {
-  ASSERT_EQ(mkdir("dir", 0755), 0);
-  ASSERT_EQ(symlink("dir", "link"), 0);
-  ASSERT_EQ(mkfifo("fifo", 0644), 0);
-  write_file("file", "12345");
+  ASSERT_EQ(system("mkdir dir && ln -s dir link && mkfifo fifo && printf 12345 > file"), 0);
   int unix_socket = socket(AF_UNIX, SOCK_STREAM, 0);
   sockaddr_un address{AF_UNIX, "sock"};
   ASSERT_EQ(bind(unix_socket, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
@@ -109,7 +101,7 @@ TEST_F(FsTest, TypesFollowSymbolicLinks) {
 }
 
 TEST_F(FsTest, MkdirRecursiveMakesEveryMissingParent) {
-  Path nested("a/b/c"), absolute(root_ + "/x/y"), f("f"), file_there("f/g"), under_file("f/g/h");
+  Path nested("a/b/c"), absolute(std::string(root_) + "/x/y"), f("f"), file_there("f/g"), under_file("f/g/h");
   EXPECT_EQ(fs_mkdir_recursive(&nested.b), 0);
   EXPECT_EQ(fs_type(&nested.b), FS_TYPE_DIRECTORY);
   EXPECT_EQ(fs_mkdir_recursive(&absolute.b), 0);
@@ -185,13 +177,10 @@ TEST_F(FsTest, DirectoryListingSkipsHiddenNames) {
 }
 
 TEST_F(FsTest, RealpathRenameAndMode) {
-  ASSERT_EQ(mkdir("real", 0755), 0);
-  ASSERT_EQ(symlink("real", "alias"), 0);
+  ASSERT_EQ(system("mkdir real && ln -s real alias"), 0);
   Path alias("alias"), missing("missing"), from("real"), to("moved");
   EXPECT_EQ(fs_realpath(&alias.b), 0);
-  char* resolved = realpath(root_.c_str(), nullptr);
-  EXPECT_EQ(alias.str(), std::string(resolved) + "/real");
-  free(resolved);
+  EXPECT_EQ(alias.str(), std::filesystem::canonical(root_) / "real");
   EXPECT_EQ(fs_realpath(&missing.b), -1);
   EXPECT_EQ(missing.str(), "missing");
   EXPECT_EQ(fs_rename(&from.b, &to.b), 0);
