@@ -51,23 +51,15 @@ std::string read_file(const std::string& path) {
   return {std::istreambuf_iterator<char>(in), {}};
 }
 
-// SIGALRM without SA_RESTART (as the daemon installs its stop handlers), after
-// `first_us` and then every `every_us`, for the guard's lifetime.
-struct alarm_guard {
-  struct sigaction previous{};
-  alarm_guard(long first_us, long every_us) {
-    struct sigaction action{};
-    action.sa_handler = [](int) {};
-    sigaction(SIGALRM, &action, &previous);
-    itimerval timer{{0, every_us}, {0, first_us}};
-    setitimer(ITIMER_REAL, &timer, nullptr);
-  }
-  ~alarm_guard() {
-    itimerval off{};
-    setitimer(ITIMER_REAL, &off, nullptr);
-    sigaction(SIGALRM, &previous, nullptr);
-  }
-};
+// SIGALRM without SA_RESTART (as the daemon installs its stop handlers) after
+// `first_us` and then every `every_us`; (0, 0) stops it.
+void alarms(long first_us, long every_us) {
+  struct sigaction action{};
+  action.sa_handler = [](int) {};
+  sigaction(SIGALRM, &action, nullptr);
+  itimerval timer{{0, every_us}, {0, first_us}};
+  setitimer(ITIMER_REAL, &timer, nullptr);
+}
 
 const char* sleeper[] = {"/bin/sleep", "30", nullptr};
 
@@ -95,10 +87,9 @@ TEST(ProcessCreate, StartFailuresAreReportedWithNothingLeftBehind) {
 TEST(ProcessCreate, SignalsDuringTheStartAreNotStartFailures) {
   const char* quick[] = {"/bin/true", nullptr};
   std::vector<process*> children;
-  {
-    alarm_guard alarms(100, 100);
-    for (int i = 0; i < 30; ++i) children.push_back(process_create(quick, nullptr));
-  }
+  alarms(100, 100);
+  for (int i = 0; i < 30; ++i) children.push_back(process_create(quick, nullptr));
+  alarms(0, 0);
   for (process* child : children) {
     ASSERT_NE(child, nullptr);
     EXPECT_EQ(process_wait(child).code, 0);
@@ -134,11 +125,8 @@ TEST(ProcessWait, InterruptedWaitLeavesTheRecordUnreaped) {
   process* child = process_create(sleeper, nullptr);
   ASSERT_NE(child, nullptr);
   EXPECT_EQ(getpgid(child->pid), getpgrp()) << "a plain child stays in our process group";
-  process_status status{};
-  {
-    alarm_guard alarm(50 * 1000, 0);
-    status = process_wait(child);
-  }
+  alarms(50 * 1000, 0);
+  process_status status = process_wait(child);
   EXPECT_EQ(status.code, -1);
   EXPECT_EQ(std::string(status.description), strerror(EINTR));
   EXPECT_FALSE(child->reaped);
