@@ -3,18 +3,21 @@
 #include <arpa/inet.h>
 #include <cerrno>
 #include <cstdlib>
+#include <csignal>
 #include <cstring>
 #include <fcntl.h>
 #include <filesystem>
 #include <functional>
 #include <gtest/gtest.h>
 #include <netdb.h>
+#include <sys/time.h>
 #include <string>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
 
 #include "base/runtime.h"
+#include "base/sockpoll.h"
 
 namespace {
 
@@ -76,8 +79,8 @@ struct scratch_dir {
 // A connected stream pair on a kernel-chosen loopback port.
 struct stream_pair {
   socket_record listener{}, client{}, server{};
+  socket_address address{};  // the listener's
   explicit stream_pair(const char* host = "127.0.0.1") {
-    socket_address address{};
     EXPECT_EQ(socket_address_tcp(host, "0", &address), 0);
     EXPECT_EQ(socket_open(&address, 1, 1, &listener), 0) << socket_strerror(nullptr);
     EXPECT_EQ(socket_address_tcp(host, local_port(listener).c_str(), &address), 0);
@@ -350,6 +353,51 @@ TEST(SocketRecord, PeerNameOfIpConnectionsOnly) {
   scratch_dir dir;
   unix_datagram node(dir.file("node"));
   EXPECT_TRUE(fails_with(socket_peername(&node.sock) == nullptr ? -1 : 0, &node.sock, EINVAL));
+}
+
+TEST(Sockpoll, PendingConnectionsAreSeenAndDetachedSlotsReused) {
+  sockpoll* set = sockpoll_create();
+  stream_pair a, b, c, never;
+  EXPECT_EQ(sockpoll_wait(set, 0), 0) << "an empty set times out at once";
+  sockpoll_attach(set, &a.listener);
+  sockpoll_attach(set, &a.listener);  // already in the set: nothing happens
+  sockpoll_attach(set, &b.listener);
+  EXPECT_EQ(set->count, 2u);
+  EXPECT_EQ(b.listener.poll_slot, 1u);
+  EXPECT_EQ(set->entries[1].fd, b.listener.descriptor);
+  EXPECT_EQ(set->entries[1].events, POLLIN);
+  EXPECT_EQ(sockpoll_can_read(set, &never.listener), -1) << "never attached";
+  EXPECT_EQ(sockpoll_wait(set, 0), 0);
+  EXPECT_EQ(sockpoll_can_read(set, &a.listener), 0);
+
+  socket_record client{};
+  ASSERT_EQ(socket_open(&a.address, 0, 1, &client), 0);
+  EXPECT_EQ(sockpoll_wait(set, 1000), 1);
+  EXPECT_EQ(sockpoll_can_read(set, &a.listener), 1);
+  EXPECT_EQ(sockpoll_can_read(set, &b.listener), 0);
+  // Once detached, a free slot reports nothing, even across a wait, and is taken next.
+  sockpoll_detach(set, &a.listener);
+  EXPECT_EQ(sockpoll_wait(set, 0), 0);
+  EXPECT_EQ(sockpoll_can_read(set, &a.listener), 0);
+  sockpoll_attach(set, &c.listener);
+  EXPECT_EQ(c.listener.poll_slot, 0u);
+  EXPECT_EQ(set->count, 2u);
+  EXPECT_EQ(set->entries[0].fd, c.listener.descriptor);
+  socket_close(&client);
+
+  // An interrupting signal (no SA_RESTART, as the daemon installs its stop handlers) ends the wait with 0.
+  static volatile sig_atomic_t alarms = 0;
+  struct sigaction action{}, previous{};
+  action.sa_handler = [](int) { alarms = alarms + 1; };
+  ASSERT_EQ(sigaction(SIGALRM, &action, &previous), 0);
+  itimerval timer{{0, 0}, {0, 50 * 1000}};
+  ASSERT_EQ(setitimer(ITIMER_REAL, &timer, nullptr), 0);
+  int64_t started = runtime_getclock();
+  EXPECT_EQ(sockpoll_wait(set, 5000), 0);
+  EXPECT_LT(runtime_getclock() - started, 2500);
+  EXPECT_EQ(alarms, 1);
+  sigaction(SIGALRM, &previous, nullptr);
+  sockpoll_destroy(set);
 }
 
 }  // namespace
