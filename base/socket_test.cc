@@ -141,7 +141,8 @@ TEST(SocketOpen, FailuresGoToTheFamilyErrorWithNothingLeftOpen) {
 
   // A socket file an earlier run left behind does not block the bind.
   scratch_dir dir;
-  unix_datagram{dir.file("node")};
+  { unix_datagram earlier(dir.file("node")); }
+  ASSERT_TRUE(std::filesystem::is_socket(dir.file("node")));
   unix_datagram again(dir.file("node"));
   EXPECT_EQ(fields(again.sock), "unix datagram cloexec");
 }
