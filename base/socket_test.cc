@@ -16,6 +16,8 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include "base/istream.h"
+#include "base/ostream.h"
 #include "base/runtime.h"
 #include "base/sockpoll.h"
 
@@ -399,6 +401,151 @@ TEST(Sockpoll, PendingConnectionsAreSeenAndDetachedSlotsReused) {
   EXPECT_EQ(alarms, 1);
   sigaction(SIGALRM, &previous, nullptr);
   sockpoll_destroy(set);
+}
+
+// Chunked streams over a connected socket.
+
+// Both ends of a connected unix stream pair, adopted as socket records.
+struct unix_pair {
+  socket_record near{}, far{};
+  unix_pair() {
+    int ends[2];
+    EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends), 0);
+    EXPECT_EQ(socket_load(ends[0], &near), 0);
+    EXPECT_EQ(socket_load(ends[1], &far), 0);
+  }
+  ~unix_pair() {
+    socket_close(&near);
+    socket_close(&far);
+  }
+  // Everything put on the wire towards `far` so far, without waiting: a unix
+  // stream socket queues the bytes before the sender's send returns.
+  std::string on_the_wire() {
+    std::string taken;
+    char buffer[8192];
+    for (ssize_t got; (got = recv(far.descriptor, buffer, sizeof buffer, MSG_DONTWAIT)) > 0;) taken.append(buffer, got);
+    return taken;
+  }
+  void put(const std::string& wire, bool then_close = false) {
+    uint64_t size = wire.size();
+    EXPECT_EQ(socket_raw_send(&near, wire.data(), &size), 0);
+    if (then_close) socket_close(&near);
+  }
+};
+
+std::string length_word(uint32_t length) {
+  return {static_cast<char>(length >> 24), static_cast<char>(length >> 16), static_cast<char>(length >> 8),
+          static_cast<char>(length)};
+}
+
+std::string pattern(size_t size, int step) {
+  std::string data(size, '\0');
+  for (size_t i = 0; i < size; ++i) data[i] = static_cast<char>(i * step + 1);
+  return data;
+}
+
+TEST(ChunkedWriter, SmallWritesWaitLargeOnesGoOutAsStagingFills) {
+  unix_pair pair;
+  ostream* out = socket_ostream_chunked(&pair.near);
+  ASSERT_NE(out, nullptr);
+  EXPECT_EQ(pair.near.chunked_out, out);
+  std::string data = pattern(5000, 7);
+  ASSERT_EQ(ostream_write_len(out, data.data(), data.size()), 5000u);
+  EXPECT_EQ(pair.on_the_wire(), length_word(5000) + data.substr(0, 4092));
+  EXPECT_EQ(ostream_write_string(out, "abc"), 3u);
+  EXPECT_EQ(ostream_write_len(out, "", 0), 0u);  // never an empty chunk
+  EXPECT_EQ(ostream_write_len(out, "de", 2), 2u);
+  EXPECT_EQ(pair.on_the_wire(), "");
+  ostream_destroy(out);
+  EXPECT_EQ(pair.near.chunked_out, nullptr);
+  EXPECT_EQ(pair.on_the_wire(), data.substr(4092) + length_word(3) + "abc" + length_word(2) + "de" + length_word(0));
+
+  // One output stream per socket; the next may come once the first is gone.
+  out = socket_ostream_chunked(&pair.near);
+  EXPECT_EQ(socket_ostream_chunked(&pair.near), nullptr);
+  EXPECT_EQ(socket_ostream_zeroterm(&pair.near), nullptr);
+  ostream_destroy(out);
+  out = socket_ostream_zeroterm(&pair.near);
+  ASSERT_NE(out, nullptr);
+  EXPECT_EQ(ostream_write_string(out, "hi"), 2u);
+  ostream_destroy(out);
+  EXPECT_EQ(pair.on_the_wire(), length_word(0) + std::string("hi\0", 3));
+}
+
+TEST(ChunkedWriter, FailedSendReturnsZeroWithTheReason) {
+  unix_pair pair;
+  socket_close(&pair.far);
+  std::string data(5000, 'x');
+  // The zero-terminated writer counts what it took before the send failed.
+  for (auto [create, taken] : {std::pair{&socket_ostream_chunked, 0u}, {&socket_ostream_zeroterm, 4096u}}) {
+    ostream* out = create(&pair.near);
+    EXPECT_EQ(ostream_write_len(out, data.data(), data.size()), taken);
+    EXPECT_STREQ(socket_strerror(&pair.near), strerror(EPIPE));
+    ostream_destroy(out);
+  }
+}
+
+TEST(ChunkedReader, ReturnsTheBytesInAnySplitOfReads) {
+  unix_pair pair;
+  std::string data = pattern(5000, 7);
+  pair.put(length_word(1) + data.substr(0, 1) + length_word(4999) + data.substr(1) + length_word(0));
+  istream* in = socket_istream_chunked(&pair.far);
+  ASSERT_NE(in, nullptr);
+  EXPECT_EQ(pair.far.chunked_in, in);
+  EXPECT_EQ(socket_istream_chunked(&pair.far), nullptr);  // one reader per socket
+  std::string read;
+  char buffer[5000];
+  for (uint64_t want : {3u, 0u, 700u, 5000u, 10u}) read.append(buffer, istream_read_len(in, buffer, want));
+  EXPECT_EQ(read, data);
+  EXPECT_EQ(istream_read_len(in, buffer, 10), 0u);
+  istream_destroy(in);
+  EXPECT_EQ(pair.far.chunked_in, nullptr);
+
+  // Unread chunks stay in the socket; the rest of a started one goes with the stream.
+  pair.put(length_word(2) + "ab" + length_word(3) + "cde" + length_word(0));
+  in = socket_istream_chunked(&pair.far);
+  EXPECT_EQ(istream_read_len(in, buffer, 1), 1u);
+  istream_destroy(in);
+  EXPECT_EQ(pair.on_the_wire(), length_word(3) + "cde" + length_word(0));
+}
+
+TEST(ChunkedReader, PeerClosingInsideAChunkOrBeforeTheFirst) {
+  unix_pair pair;
+  pair.put(length_word(3) + "abc" + length_word(10) + "xyz", true);
+  istream* in = socket_istream_chunked(&pair.far);
+  ASSERT_NE(in, nullptr);
+  char buffer[100];
+  EXPECT_EQ(istream_read_len(in, buffer, sizeof buffer), 3u);
+  EXPECT_EQ(std::string(buffer, 3), "abc");
+  EXPECT_EQ(pair.far.descriptor, -1);
+  EXPECT_STREQ(socket_strerror(&pair.far), strerror(ENOTCONN));
+  EXPECT_EQ(istream_read_len(in, buffer, sizeof buffer), 0u);
+  istream_destroy(in);
+
+  unix_pair cut;
+  cut.put(length_word(4) + "ab", true);
+  EXPECT_EQ(socket_istream_chunked(&cut.far), nullptr);
+  EXPECT_EQ(cut.far.chunked_in, nullptr);
+  EXPECT_STREQ(socket_strerror(&cut.far), strerror(ENOTCONN));
+  EXPECT_EQ(socket_istream_chunked(&cut.far), nullptr);
+  EXPECT_STREQ(socket_strerror(&cut.far), strerror(EINVAL));
+}
+
+TEST(ChunkedRelay, ForwardsTheStreamByteForByteAndNamesTheFailingSide) {
+  unix_pair source, destination;
+  std::string wire = length_word(10000) + pattern(10000, 13) + length_word(1) + "z" + length_word(0);
+  source.put(wire + "after");
+  EXPECT_EQ(socket_stream_attach_chunked(&source.far, &destination.near), 0);
+  EXPECT_EQ(destination.on_the_wire(), wire);
+  EXPECT_EQ(source.on_the_wire(), "after");  // nothing past the end marker
+
+  unix_pair cut;
+  cut.put(length_word(5) + "abc", true);
+  EXPECT_TRUE(fails_with(socket_stream_attach_chunked(&cut.far, &destination.near), &cut.far, ENOTCONN));
+  EXPECT_EQ(destination.on_the_wire(), length_word(5));
+  source.put(length_word(1) + "q" + length_word(0));
+  socket_close(&destination.near);
+  EXPECT_TRUE(fails_with(socket_stream_attach_chunked(&source.far, &destination.near), &destination.near, EINVAL));
 }
 
 }  // namespace
