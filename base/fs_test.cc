@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <cstdlib>
-#include <cstring>
 #include <fcntl.h>
 #include <filesystem>
 #include <fstream>
@@ -45,7 +44,7 @@ TEST(FsPaths, JoinDirnameAndBasenameRules) {
   fs_joinv(&p.b, "a", "", "/b", "d", nullptr, "ignored", nullptr);
   EXPECT_EQ(p.str(), "/b/d");
   Path ext("x"), no_component("x");
-  EXPECT_EQ(fs_join_ext(&ext.b, "name", ".tmp")->length, 10u);
+  fs_join_ext(&ext.b, "name", ".tmp");
   EXPECT_EQ(ext.str(), "x/name.tmp");
   fs_join_ext(&no_component.b, nullptr, ".tmp");
   EXPECT_EQ(no_component.str(), "x.tmp");
