@@ -48,11 +48,14 @@ TEST(PageArena, BlocksComeZeroFilledEvenWhenMemoryIsReused) {
   }
 }
 
-TEST(PageArena, TinyPagesAndCallerHeldRecords) {
+TEST(PageArena, TinyPagesCallerHeldRecordsAndRefusedRequests) {
   dympage* tiny = dympage_create2(8);
   // The 8-byte first page could not take the 16-byte record.
   EXPECT_EQ(dympage_usage(tiny), (kHeader + 8) + (kHeader + 16));
   EXPECT_NE(dympage_alloc(tiny, 4, 4), nullptr);
+  EXPECT_EQ(dympage_try_alloc(tiny, UINT64_MAX - 8, 1), nullptr) << "refused, not a crash";
+  EXPECT_EQ(dympage_try_alloc(tiny, uint64_t{1} << 62, 1), nullptr);
+  EXPECT_NE(dympage_try_alloc(tiny, 100, 1), nullptr) << "the arena stays usable";
   dympage_destroy(tiny);
 
   dympage arena{};
@@ -63,14 +66,6 @@ TEST(PageArena, TinyPagesAndCallerHeldRecords) {
   dympage_alloc(&arena, 1, 1);
   EXPECT_EQ(arena.current->previous, first);
   dympage_destroy(&arena);
-}
-
-TEST(PageArena, TryAllocRefusesWhatTheHeapCannotGive) {
-  dympage* arena = dympage_create2(1024);
-  EXPECT_EQ(dympage_try_alloc(arena, UINT64_MAX - 8, 1), nullptr);
-  EXPECT_EQ(dympage_try_alloc(arena, uint64_t{1} << 62, 1), nullptr);
-  EXPECT_NE(dympage_try_alloc(arena, 100, 1), nullptr) << "the arena stays usable";
-  dympage_destroy(arena);
 }
 
 }  // namespace

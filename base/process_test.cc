@@ -63,6 +63,14 @@ void alarms(long first_us, long every_us) {
 
 const char* sleeper[] = {"/bin/sleep", "30", nullptr};
 
+// Waits for a started child and releases it: its exit code, or -2 when it did not start.
+int finish(process* child) {
+  if (child == nullptr) return -2;
+  int code = process_wait(child).code;
+  process_destroy(child);
+  return code;
+}
+
 TEST(ProcessCreate, StartFailuresAreReportedWithNothingLeftBehind) {
   scratch_dir dir;
   std::vector<int> before = open_descriptors();
@@ -90,11 +98,7 @@ TEST(ProcessCreate, SignalsDuringTheStartAreNotStartFailures) {
   alarms(100, 100);
   for (int i = 0; i < 30; ++i) children.push_back(process_create(quick, nullptr));
   alarms(0, 0);
-  for (process* child : children) {
-    ASSERT_NE(child, nullptr);
-    EXPECT_EQ(process_wait(child).code, 0);
-    process_destroy(child);
-  }
+  for (process* child : children) EXPECT_EQ(finish(child), 0);
 }
 
 TEST(ProcessWait, EndsAreCollectedOnceAndDecodedRepeatably) {
@@ -131,8 +135,7 @@ TEST(ProcessWait, InterruptedWaitLeavesTheRecordUnreaped) {
   EXPECT_EQ(std::string(status.description), strerror(EINTR));
   EXPECT_FALSE(child->reaped);
   process_kill(child);
-  EXPECT_EQ(process_wait(child).code, 15);
-  process_destroy(child);
+  EXPECT_EQ(finish(child), 15);
 }
 
 TEST(ProcessKillJob, ReachesTheGroupAfterTheLeaderWasCollected) {
@@ -162,11 +165,8 @@ TEST(ProcessCreate, StreamsAndWorkingDirectoryAreRedirected) {
   std::ofstream(input) << "first line\n";
   std::ofstream(output) << "old content, longer than what the child writes\n";
   const char* script[] = {"/bin/sh", "-c", "read line; echo \"$line\"; pwd; echo oops >&2", nullptr};
-  process* child = process_create_child(script, PROCESS_FILE, input.c_str(), PROCESS_FILE, output.c_str(),
-                                        dir.path, PROCESS_FILE, errors.c_str(), false);
-  ASSERT_NE(child, nullptr);
-  EXPECT_EQ(process_wait(child).code, 0);
-  process_destroy(child);
+  EXPECT_EQ(finish(process_create_child(script, PROCESS_FILE, input.c_str(), PROCESS_FILE, output.c_str(), dir.path,
+                                        PROCESS_FILE, errors.c_str(), false)), 0);
   EXPECT_EQ(read_file(output), "first line\n" + std::filesystem::canonical(dir.path).string() + "\n");
   EXPECT_EQ(read_file(errors), "oops\n");
   EXPECT_EQ(read_file(input), "first line\n");  // stdin's file is left alone
@@ -195,11 +195,8 @@ TEST(ProcessCreateJob, ChildSeesOnlyTheInheritedDescriptor) {
   const char* list[] = {APPSRV_LIST_DESCRIPTORS, nullptr};
   for (int inherit : {1, 0}) {
     ASSERT_EQ(socket_inherit(&passed, inherit), 0);
-    process* child = process_create_child(list, PROCESS_INHERIT, nullptr, PROCESS_FILE, listing.c_str(),
-                                          nullptr, PROCESS_INHERIT, nullptr, true);
-    ASSERT_NE(child, nullptr);
-    EXPECT_EQ(process_wait(child).code, 0);
-    process_destroy(child);
+    EXPECT_EQ(finish(process_create_child(list, PROCESS_INHERIT, nullptr, PROCESS_FILE, listing.c_str(), nullptr,
+                                          PROCESS_INHERIT, nullptr, true)), 0);
     EXPECT_EQ(read_file(listing), inherit ? "0 1 2 " + std::to_string(passed.descriptor) + "\n" : "0 1 2\n");
   }
   for (socket_record* sock : {&node, &copy, &worker, &passed}) socket_close(sock);
