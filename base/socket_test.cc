@@ -7,6 +7,7 @@
 #include <cstring>
 #include <fcntl.h>
 #include <filesystem>
+#include <fstream>
 #include <functional>
 #include <gtest/gtest.h>
 #include <netdb.h>
@@ -178,6 +179,9 @@ TEST(SocketOpen, FailuresGoToTheFamilyErrorWithNothingLeftOpen) {
   ASSERT_TRUE(std::filesystem::is_socket(dir.file("node")));
   unix_datagram again(dir.file("node"));
   EXPECT_EQ(fields(again.sock), "unix datagram cloexec");
+  std::ofstream(dir.file("plain")) << "x";  // even a plain file in the way is replaced
+  unix_datagram over_file(dir.file("plain"));
+  EXPECT_TRUE(std::filesystem::is_socket(dir.file("plain")));
 }
 
 TEST(SocketRecord, EveryDescriptorIsCloseOnExecAndTheRecordFilled) {
