@@ -86,6 +86,11 @@ void stackman_loop();
 void stackman_stack_destroy(stackman_stack* stack);
 // Kills and reaps the job if any; the stack stays, idle.
 void stackman_stack_killjob(stackman_stack* stack);
+// The forced stop of every stack at once: SIGTERM to every job's group, one
+// shared wait of at most 5 seconds, then SIGKILL to every group (with a line
+// for each whose leader still ran); every leader is reaped and every stack
+// left idle.
+void stackman_killall();
 
 // Composes one control message of the selector into `out` (internal; exposed
 // for the tests). Composing a shutdown marks the stack stopping.
