@@ -103,12 +103,10 @@ stackman_stack* stackman_stack_allocate(const char* name, const void* image, uin
   if (entry_exists(&stack->store_path) || fs_mkdir(&build) != 0) return abandon(stack, &build, made, "mkdir store path");
   made.build_dir = true;
   if (const char* error = fill_store(&build, stack, image, image_size)) return abandon(stack, &build, made, error);
-  if (!in_place) {
-    if (publish(&build, stack) != 0) return abandon(stack, &build, made, "mkdir store path");
-    made.build_dir = false;
-  }
-  made.store_dir = true;
+  if (!in_place && publish(&build, stack) != 0) return abandon(stack, &build, made, "mkdir store path");
+  // From here on the store stands under its key.
   made.build_dir = false;
+  made.store_dir = true;
 
   snprintf(stackman_state.descriptor_text, sizeof stackman_state.descriptor_text, "%d", connection->descriptor);
   // The connection is inheritable only while this one child is started.
