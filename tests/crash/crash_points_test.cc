@@ -83,7 +83,8 @@ TEST(CrashPoints, StartUpRemovesWhatCrashesLeftAndKeepsTheRest) {
   EXPECT_EQ(err.find(".foreign"), std::string::npos) << err;
   EXPECT_EQ(err.find("not-a-key"), std::string::npos) << err;
 
-  // The complete stacks run again; the one never started stays gone.
+  // The complete stacks run again (once bound); the one never started stays gone.
+  ASSERT_TRUE(crash::wait_ready(daemon, "kept"));
   EXPECT_EQ(crash::rename(daemon, "kept", "kept too"), "hello kept too");
   EXPECT_FALSE(exists(daemon.path("data/" + key_of('3'))));
 }
@@ -95,6 +96,7 @@ TEST(CrashPoints, NormalWorkLeavesNoHiddenEntryAndTheSameLayout) {
   std::string image(100000, 'i');
   ASSERT_EQ(crash::upload(daemon, "one", image), "deployed one");
   ASSERT_EQ(crash::upload(daemon, "two", "2"), "deployed two");
+  ASSERT_TRUE(crash::wait_ready(daemon, "one"));
   ASSERT_EQ(crash::rename(daemon, "one", "uno"), "hello uno");
   ASSERT_EQ(crash::remove(daemon, "two"), "success");
 

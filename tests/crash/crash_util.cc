@@ -6,6 +6,7 @@
 #include <ctime>
 #include <dirent.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include "tests/e2e/client.h"
 
@@ -108,6 +109,14 @@ std::vector<pid_t> starts_in(const std::string& log) {
 pid_t grandchild_in(const std::string& log) {
   size_t at = log.find("grandchild ");
   return at == std::string::npos ? 0 : atoi(log.c_str() + at + 11);
+}
+
+bool wait_ready(e2e::Daemon& daemon, const std::string& name) {
+  for (int waited = 0; waited < 5000; waited += 10) {
+    if (daemon.log_of_stack(name).find("ready") != std::string::npos) return true;
+    usleep(10000);
+  }
+  return false;
 }
 
 int64_t now_ms() {

@@ -42,6 +42,10 @@ bool process_gone(pid_t pid);
 std::vector<pid_t> starts_in(const std::string& log);
 pid_t grandchild_in(const std::string& log);
 
+// Waits up to 5 s until the stack deployed as `name` has bound its socket
+// (the test bootstrap greets an upload before it binds).
+bool wait_ready(e2e::Daemon& daemon, const std::string& name);
+
 int64_t now_ms();
 
 }  // namespace crash

@@ -146,6 +146,7 @@ TEST(Orphans, ASecondDaemonInTheSameDirectoryExitsAndChangesNothing) {
   daemon.behave("default", "marker");
   ASSERT_TRUE(daemon.start()) << daemon.err();
   ASSERT_EQ(crash::upload(daemon, "app", "image"), "deployed app");
+  ASSERT_TRUE(crash::wait_ready(daemon, "app"));
   std::string before_log = daemon.log_of_stack("app");
 
   std::string err;
