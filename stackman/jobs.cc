@@ -26,15 +26,13 @@ namespace {
 constexpr const char* kPrivatePath = "./private";
 constexpr const char* kLockPath = "./private/lock";
 constexpr const char* kLockTemporary = "./private/.lock.tmp";
-constexpr const char* kRecordPrefix = "job-";
+constexpr std::string_view kRecordPrefix = "job-";
 constexpr int64_t kOrphanGraceMilliseconds = 5000;
 constexpr int64_t kOrphanKillMilliseconds = 1000;
 constexpr uint32_t kOrphanPollMilliseconds = 10;
 
-std::string_view record_prefix() { return kRecordPrefix; }
-
 void record_path(int32_t pid, char* out, size_t size, bool temporary) {
-  snprintf(out, size, "%s/%s%s%d%s", kPrivatePath, temporary ? "." : "", kRecordPrefix, pid, temporary ? ".tmp" : "");
+  snprintf(out, size, "%s/%sjob-%d%s", kPrivatePath, temporary ? "." : "", pid, temporary ? ".tmp" : "");
 }
 
 // Field 22 of /proc/{pid}/stat, counted after the command's closing
@@ -171,14 +169,14 @@ void stackman_stop_orphans() {
   size_t count = 0;
   while (dirent* entry = readdir(directory)) {
     std::string_view name = entry->d_name;
-    bool temporary = name.starts_with(".") && name.find(record_prefix()) == 1;
+    bool temporary = name.starts_with(".") && name.find(kRecordPrefix) == 1;
     if (temporary) {
       char path[512];
       snprintf(path, sizeof path, "%s/%s", kPrivatePath, entry->d_name);
       unlink(path);  // a record cut short before its rename
       continue;
     }
-    if (!name.starts_with(record_prefix())) continue;
+    if (!name.starts_with(kRecordPrefix)) continue;
     orphan job{};
     if (!read_record(entry->d_name, &job) || !still_ours(job)) continue;
     jobs = static_cast<orphan*>(runtime_realloc(jobs, (count + 1) * sizeof(orphan)));
