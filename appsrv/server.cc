@@ -30,9 +30,8 @@ void store(int signal_number, int own, sig_atomic_t value) {
 
 void force_stop() {
   runtime_log("AppSrv: Signaled to force stop!\n");
-  stackman_iter iterator{};
-  for (stackman_stack* s = stackman_iter_begin(&iterator); s != nullptr; s = stackman_iter_move(&iterator))
-    stackman_stack_killjob(s);
+  // All stacks share one grace period, so the stop is bounded as a whole.
+  stackman_killall();
 }
 
 // The first stop asks every running stack to shut down; a further signal

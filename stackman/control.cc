@@ -53,6 +53,24 @@ int send_message(stackman_stack* stack, int selector, const char* name, socket_r
 
 bool name_taken(const char* name) { return stackman_get(name) != nullptr; }
 
+// The new name-tag is written whole and synced beside the old one and then
+// renamed over it: a crash leaves either name, never a cut one.
+int store_name_tag(stackman_stack* stack) {
+  bucket temporary = stackman_name_tag_temporary(stack);
+  int result = stackman_write_durable(&temporary, stack->name, strlen(stack->name));
+  if (result == 0) result = fs_rename(&temporary, &stack->name_tag_path);
+  if (result != 0) {
+    fs_remove(&temporary);
+  } else {
+    bucket serv = fs_copy(&stack->store_path);
+    fs_join(&serv, "serv");
+    stackman_sync_directory(&serv);
+    bucket_release(&serv);
+  }
+  bucket_release(&temporary);
+  return result;
+}
+
 }  // namespace
 
 void stackman_stack_message(stackman_stack* stack, int selector, const char* name, ostream* out) {
@@ -74,13 +92,10 @@ stackman_stack* stackman_stack_rename(stackman_stack* stack, const char* new_nam
     return nullptr;
   }
   snprintf(stack->name, sizeof stack->name, "%s", new_name);
-  ostream* out = fs_open_write(&stack->name_tag_path);
-  if (out == nullptr) {
+  if (store_name_tag(stack) != 0) {
     stackman_set_error("name-tag not found");
     return nullptr;
   }
-  ostream_write_len(out, stack->name, strlen(stack->name));
-  ostream_destroy(out);
   if (send_message(stack, STACKMAN_SET_NAME, stack->name, nullptr) != 0)
     runtime_err("Failed to notify stack of rename to '%s'[%s], %s\n", stack->key, stack->name,
                 socket_strerror(&stackman_state.node));

@@ -14,6 +14,9 @@ struct stackman_manager {
   char name_buffer[STACKMAN_NAME_SIZE];  // a name-tag read at start-up
   char key_text[STACKMAN_KEY_SIZE];  // the key of the deployment under way
   char descriptor_text[128];  // the inherited connection's number, in decimal
+  bool skip_sync;  // stores are built in place without fsync (measurements only)
+  bool locked;  // lock_descriptors hold ./private/lock
+  int lock_descriptors[2];  // the lock file as opened, and as renamed into place
 };
 
 extern stackman_manager stackman_state;
@@ -29,6 +32,36 @@ int stackman_start(stackman_stack* stack, const char* const* extra);
 
 // Unlinks the record from the list and frees it with its paths.
 void stackman_stack_free(stackman_stack* stack);
+
+// Durable files and directories (durable.cc).
+//
+// {data root}/.staging-{key}: where deployment builds a store.
+bucket stackman_staging_path(const char* key);
+// {store}/serv/.name.tmp: where rename writes the new name-tag.
+bucket stackman_name_tag_temporary(stackman_stack* stack);
+// Writes the whole file (created or truncated) and syncs it; 0 or -1.
+int stackman_write_durable(bucket* path, const void* bytes, uint64_t size);
+int stackman_sync_descriptor(int descriptor);
+int stackman_sync_directory(bucket* path);
+// Renames `path` (the key's entry under `root`) to root/.deleting-{key},
+// then removes that tree; a path that cannot be renamed is removed in place.
+void stackman_remove_hidden(bucket* path, bucket* root, const char* key);
+// Removes, with one line each, the daemon's own hidden leftovers in both
+// roots and the scratch directories that have no store.
+void stackman_sweep();
+// Removes a name-tag temporary a rename left in the store.
+void stackman_sweep_store(stackman_stack* stack);
+
+// The working-directory lock and the job records (jobs.cc).
+//
+// Takes ./private/lock, or writes the in-use line and exits with status 1.
+void stackman_lock();
+void stackman_unlock();
+// Records the stack's new job in ./private, and forgets it when collected.
+void stackman_jobs_record(stackman_stack* stack);
+void stackman_jobs_forget(stackman_stack* stack);
+// Stops the process groups that recorded jobs of an earlier run left behind.
+void stackman_stop_orphans();
 
 // Ends every job with SIGKILL, frees every record and closes the node socket,
 // leaving the disk as it is, so that one test process can open the manager

@@ -96,6 +96,7 @@ void recover_stack(const char* key) {
   }
   stackman_stack* stack = stackman_stack_create(key, "");
   if (stack == nullptr) fatal("Fatal error: unable to recover state from file-system, set-name\n");
+  stackman_sweep_store(stack);
   if (!fs_exists(&stack->name_tag_path))
     fatal("Fatal error: unable to recover state from file-system, name-tag missing\n");
   if (assign_name(stack, read_name_tag(stack)) != 0)
@@ -131,6 +132,11 @@ void stackman_open(const char* runenv_root, const char* stacks_root, const char*
   require_directory(runenv_root);
   require_directory(stacks_root);
   require_directory(data_root);
+  // Before anything is bound or started: a second daemon here would start
+  // every stack again and take the node socket over.
+  stackman_lock();
+  stackman_stop_orphans();
+  stackman_sweep();
   open_node_socket();
   stackman_state.stacks = nullptr;
   recover_stacks();
@@ -228,6 +234,7 @@ int stackman_start(stackman_stack* stack, const char* const* extra) {
   }
   stack->job = job;
   stack->state = STACKMAN_RUNNING;
+  stackman_jobs_record(stack);
   return 0;
 }
 
@@ -247,11 +254,13 @@ void stackman_reset() {
     if (stack->job != nullptr) {
       kill(-stack->job->pid, SIGKILL);
       process_wait(stack->job);
+      stackman_jobs_forget(stack);
       process_destroy(stack->job);
     }
     stackman_stack_free(stack);
   }
   socket_close(&stackman_state.node);
+  stackman_unlock();
   bucket_release(&stackman_state.runenv_root);
   bucket_release(&stackman_state.stacks_root);
   bucket_release(&stackman_state.data_root);

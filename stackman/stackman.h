@@ -2,6 +2,12 @@
 // from the data root at start-up, deployment of uploaded images, supervision
 // of the stacks' process groups and the control channel to the stacks.
 //
+// Crash safety: a store appears under its key only complete and synced, and
+// leaves it before it is taken apart (durable.cc names the hidden staging
+// and deleting entries); the daemon holds ./private/lock for its life and
+// records every job it starts under ./private, so that the next start stops
+// what a killed daemon left running (jobs.cc).
+//
 // Single-threaded. The manager owns every stack record from its creation to
 // stackman_stack_destroy; a record returned by a lookup or an iterator stays
 // valid until then, and no iteration may run across a destruction.
@@ -86,6 +92,11 @@ void stackman_loop();
 void stackman_stack_destroy(stackman_stack* stack);
 // Kills and reaps the job if any; the stack stays, idle.
 void stackman_stack_killjob(stackman_stack* stack);
+// The forced stop of every stack at once: SIGTERM to every job's group, one
+// shared wait of at most 5 seconds, then SIGKILL to every group (with a line
+// for each whose leader still ran); every leader is reaped and every stack
+// left idle.
+void stackman_killall();
 
 // Composes one control message of the selector into `out` (internal; exposed
 // for the tests). Composing a shutdown marks the stack stopping.

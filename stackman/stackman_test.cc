@@ -13,6 +13,7 @@
 #include <fcntl.h>
 #include <functional>
 #include <string>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -375,6 +376,38 @@ TEST_F(StackmanTest, FailedDeploymentsLeaveNothingBehind) {
   EXPECT_STREQ(stackman_strerror(), "mkdir store path");
   EXPECT_EQ(stack_entries("stacks"), "");
   ASSERT_EQ(rename("data.away", "data"), 0);
+}
+
+// A full disk, as the file-size limit makes it: the write of the name-tag or
+// of the image fails, and the deployment with it, leaving nothing behind
+// rather than starting a stack on a cut image.
+TEST_F(StackmanTest, AWriteThatFailsFailsTheDeployment) {
+  behave("default", "marker");
+  open_manager();
+  Connection connection;
+  rlimit previous{};
+  ASSERT_EQ(getrlimit(RLIMIT_FSIZE, &previous), 0);
+  sighandler_t old_handler = signal(SIGXFSZ, SIG_IGN);
+  rlimit small = previous;
+  small.rlim_cur = 100;
+  ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &small), 0);
+  std::string image(5000, 'i');
+  stackman_stack* cut_image = stackman_stack_allocate("app", image.data(), image.size(), &connection.record);
+  const std::string image_error = stackman_strerror() != nullptr ? stackman_strerror() : "";
+  std::string long_name(200, 'n');
+  stackman_stack* cut_name = stackman_stack_allocate(long_name.c_str(), "x", 1, &connection.record);
+  const std::string name_error = stackman_strerror() != nullptr ? stackman_strerror() : "";
+  ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &previous), 0);
+  signal(SIGXFSZ, old_handler);
+
+  EXPECT_EQ(cut_image, nullptr);
+  EXPECT_EQ(image_error, "store image");
+  EXPECT_EQ(cut_name, nullptr);
+  EXPECT_EQ(name_error, "store name-tag");
+  EXPECT_EQ(stack_entries("data"), "");
+  EXPECT_EQ(stack_entries("stacks"), "");
+  EXPECT_EQ(stackman_get("app"), nullptr);
+  EXPECT_TRUE(connection.close_on_exec());
 }
 
 namespace {

@@ -17,6 +17,13 @@ constexpr int64_t kStopGraceMilliseconds = 5000;
 constexpr uint32_t kStopPollMilliseconds = 10;
 constexpr uint64_t kDestroyListStep = 32;
 
+// Blocks until the leader, which has been sent SIGKILL, is collected; a
+// signal for the daemon itself may interrupt the wait.
+void reap_killed(process* job) {
+  while (process_wait(job).code == -1 && !job->reaped && errno == EINTR) {
+  }
+}
+
 // Kills the job's group and reaps its leader, whatever the leader does with
 // SIGTERM; the record is released and the stack left idle.
 void end_job(stackman_stack* stack) {
@@ -27,24 +34,24 @@ void end_job(stackman_stack* stack) {
     if (runtime_getclock() >= deadline) {
       kill(-job->pid, SIGKILL);
       runtime_err("Error: stack '%s'[%s] did not stop in time, killed\n", stack->key, stack->name);
-      // A signal for the daemon itself may interrupt the wait; the leader
-      // dies of SIGKILL at once, so wait again until it is collected.
-      while (process_wait(job).code == -1 && !job->reaped && errno == EINTR) {
-      }
+      reap_killed(job);
       break;
     }
     runtime_sleep(kStopPollMilliseconds);
   }
+  stackman_jobs_forget(stack);
   process_destroy(job);
   stack->job = nullptr;
   stack->state = STACKMAN_IDLE;
 }
+
 
 // The job's leader has been collected: decode its status, stop whatever it
 // left running in its group and release the record.
 process_status collect(stackman_stack* stack) {
   process_status status = process_wait(stack->job);
   process_kill_job(stack->job);
+  stackman_jobs_forget(stack);
   process_destroy(stack->job);
   stack->job = nullptr;
   return status;
@@ -92,11 +99,42 @@ void stackman_loop() {
 
 void stackman_stack_destroy(stackman_stack* stack) {
   if (stack->job != nullptr) end_job(stack);
-  fs_remove_recursive(&stack->store_path);
-  fs_remove_recursive(&stack->stack_path);
+  stackman_remove_hidden(&stack->store_path, &stackman_state.data_root, stack->key);
+  stackman_remove_hidden(&stack->stack_path, &stackman_state.stacks_root, stack->key);
   stackman_stack_free(stack);
 }
 
 void stackman_stack_killjob(stackman_stack* stack) {
   if (stack->job != nullptr) end_job(stack);
+}
+
+void stackman_killall() {
+  // One shared grace period for all stacks: SIGTERM to every group first,
+  // so that ten stubborn stacks cost five seconds, not fifty.
+  for (stackman_stack* stack = stackman_state.stacks; stack != nullptr; stack = stack->next)
+    if (stack->job != nullptr) process_kill_job(stack->job);
+  int64_t deadline = runtime_getclock() + kStopGraceMilliseconds;
+  for (;;) {
+    bool any = false;
+    for (stackman_stack* stack = stackman_state.stacks; stack != nullptr; stack = stack->next)
+      any = (stack->job != nullptr && process_alive(stack->job)) || any;
+    if (!any || runtime_getclock() >= deadline) break;
+    runtime_sleep(kStopPollMilliseconds);
+  }
+  for (stackman_stack* stack = stackman_state.stacks; stack != nullptr; stack = stack->next) {
+    process* job = stack->job;
+    if (job == nullptr) continue;
+    bool stubborn = process_alive(job);
+    // Members that outlived their leader go too: nothing of a stack may
+    // outlive a forced stop.
+    kill(-job->pid, SIGKILL);
+    if (stubborn) {
+      runtime_err("Error: stack '%s'[%s] did not stop in time, killed\n", stack->key, stack->name);
+      reap_killed(job);
+    }
+    stackman_jobs_forget(stack);
+    process_destroy(job);
+    stack->job = nullptr;
+    stack->state = STACKMAN_IDLE;
+  }
 }

@@ -12,6 +12,8 @@
 //   grandchild            leave a child in the group that sleeps forever
 //   grandchild-ignore-term  the same, ignoring SIGTERM
 //   no-bind               never bind os-worker
+//   count-peers           log "peers N": how many other live processes run
+//                         this stack (same stack path argument) at start
 // Everything it sees goes to "<runenv>/test-log/<key>.log", one line per event.
 #include <cerrno>
 #include <csignal>
@@ -44,7 +46,7 @@ volatile sig_atomic_t terms_seen = 0;
 void on_term(int) { terms_seen = terms_seen + 1; }
 
 struct Behaviour {
-  bool marker = false, ignore_term = false, ignore_shutdown = false, no_bind = false;
+  bool marker = false, ignore_term = false, ignore_shutdown = false, no_bind = false, count_peers = false;
   int exit_code = -1, signal_number = 0, shutdown_exit = 0;
   int grandchild = 0;  // 1 plain, 2 ignoring SIGTERM
 };
@@ -62,6 +64,7 @@ Behaviour read_behaviour(const std::string& runenv, const std::string& name) {
     else if (w == "ignore-term") b.ignore_term = true;
     else if (w == "ignore-shutdown") b.ignore_shutdown = true;
     else if (w == "no-bind") b.no_bind = true;
+    else if (w == "count-peers") b.count_peers = true;
     else if (w == "grandchild") b.grandchild = 1;
     else if (w == "grandchild-ignore-term") b.grandchild = 2;
     else if (w == "exit" && fscanf(f, "%d", &value) == 1) b.exit_code = value;
@@ -86,6 +89,36 @@ std::string open_descriptors() {
   closedir(dir);
   for (size_t i = 0; i < fds.size(); ++i) list += (i ? " " : "") + std::to_string(fds[i]);
   return list;
+}
+
+// Live (not zombie) processes other than this one whose first argument is
+// `stack_path`: earlier instances of the same stack that are still around.
+int count_peers(const std::string& stack_path) {
+  int count = 0;
+  DIR* proc = opendir("/proc");
+  if (proc == nullptr) return -1;
+  while (dirent* entry = readdir(proc)) {
+    int pid = atoi(entry->d_name);
+    if (pid <= 0 || pid == getpid()) continue;
+    std::string base = std::string("/proc/") + entry->d_name;
+    FILE* f = fopen((base + "/cmdline").c_str(), "re");
+    if (f == nullptr) continue;
+    char text[4096];
+    size_t got = fread(text, 1, sizeof text - 1, f);
+    fclose(f);
+    text[got] = '\0';
+    size_t first = strnlen(text, got);
+    if (first + 1 >= got || stack_path != text + first + 1) continue;
+    f = fopen((base + "/stat").c_str(), "re");
+    if (f == nullptr) continue;
+    got = fread(text, 1, sizeof text - 1, f);
+    fclose(f);
+    text[got] = '\0';
+    const char* paren = strrchr(text, ')');
+    if (paren != nullptr && paren[1] == ' ' && paren[2] != 'Z') ++count;
+  }
+  closedir(proc);
+  return count;
 }
 
 void start_grandchild(bool ignore_term) {
@@ -175,6 +208,8 @@ int main(int argc, char** argv) {
   log_line("start pid=" + std::to_string(getpid()) + " pgid=" + std::to_string(getpgid(0)));
   log_line("args " + args);
   log_line("fds " + open_descriptors());
+
+  if (b.count_peers) log_line("peers " + std::to_string(count_peers(stack_path)));
 
   struct sigaction action {};
   action.sa_handler = on_term;

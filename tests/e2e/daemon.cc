@@ -91,7 +91,7 @@ bool Daemon::start_with(const std::string& host, const std::string& port) {
     execl(APPSRV_BINARY, APPSRV_BINARY, host.c_str(), port.c_str(), static_cast<char*>(nullptr));
     _exit(127);
   }
-  for (int waited = 0; waited < 5000; waited += 10) {
+  for (int waited = 0; waited < start_wait_; waited += 10) {
     int status;
     if (waitpid(pid_, &status, WNOHANG) == pid_) {
       pid_ = -1;

@@ -22,6 +22,8 @@ class Daemon {
   // and waits until it accepts connections. False when it did not come up.
   bool start();
   bool start_with(const std::string& host, const std::string& port);
+  // How long start waits for the daemon to accept (default 5000 ms).
+  void set_start_wait(int milliseconds) { start_wait_ = milliseconds; }
   // Waits for the daemon's exit; its status, or -1 after `milliseconds`.
   int wait_exit(int milliseconds);
   void signal(int signal_number);
@@ -42,6 +44,7 @@ class Daemon {
   uint16_t port_ = 0;
   pid_t pid_ = -1;
   int exit_status_ = -1;
+  int start_wait_ = 5000;
 };
 
 uint16_t free_port();
