@@ -45,7 +45,6 @@ void end_job(stackman_stack* stack) {
   stack->state = STACKMAN_IDLE;
 }
 
-
 // The job's leader has been collected: decode its status, stop whatever it
 // left running in its group and release the record.
 process_status collect(stackman_stack* stack) {
