@@ -1,6 +1,6 @@
 // The built appsrvctl run against a fake daemon: a loopback listener that
 // reads each request frame with the socket family, parses it with the request
-// module and answers as the test says with the reply module.
+// module and answers as the test says, in the reply layout.
 #include <gtest/gtest.h>
 
 #include <arpa/inet.h>
@@ -22,17 +22,16 @@
 #include <vector>
 
 #include "base/istream.h"
-#include "base/ostream.h"
 #include "base/runtime.h"
 #include "base/socket.h"
-#include "protocol/appsrv_protocol_reply/appsrv_protocol_reply.h"
 #include "protocol/appsrv_protocol_request/appsrv_protocol_request.h"
-
-extern char** environ;
+#include "protocol/message_testing.h"
 
 namespace {
 
 // ---- the fake daemon ----------------------------------------------------
+
+#define REQ(name) image___appsrv_protocol_request___##name
 
 enum : uint32_t { kDelete = 0, kList = 1, kRename = 2, kSelect = 3, kUpload = 4 };
 
@@ -42,84 +41,50 @@ struct Request {
   int64_t image_size = 0;
 };
 
-enum Kind { kFailure, kNames, kEmpty, kUpgrade, kNothing };
-struct Reply {
-  Reply(Kind kind, std::vector<std::string> text = {}) : kind(kind), text(std::move(text)) {}
-  Kind kind;
-  std::vector<std::string> text;  // the reason, or the names
-};
-
-void send_reply(socket_record* sock, const Reply& reply) {
-  if (reply.kind == kNothing) return;
-  dympage* arena = image___appsrv_protocol_reply___create_allocator_f();
-  auto* root = image___appsrv_protocol_reply___root_t___allocate_f(arena);
-  if (reply.kind == kUpgrade) {
-    image___appsrv_protocol_reply___root_t___status___iwrite_setto___upgrade(arena, root);
-  } else if (reply.kind == kFailure) {
-    auto* failure = image___appsrv_protocol_reply___root_t___status___iwrite_setto___failure(arena, root);
-    image___appsrv_protocol_reply___root___status___failure_t___reason___iwrite_set(arena, failure, reply.text[0].c_str());
-  } else {
-    auto* success = image___appsrv_protocol_reply___root_t___status___iwrite_setto___success(arena, root);
-    if (reply.kind == kEmpty) {
-      image___appsrv_protocol_reply___root___status___success_t___type___iwrite_setto___empty(arena, success);
-    } else {
-      auto* data = image___appsrv_protocol_reply___root___status___success_t___type___iwrite_setto___data(arena, success);
-      for (const std::string& name : reply.text)
-        image___appsrv_protocol_reply___root___status___success___type___data_t___stack_names___iwrite_create_entry(
-            arena, data, name.c_str());
-    }
-  }
-  image___appsrv_protocol_reply___finalize_f(root);
-  char* buffer = nullptr;
-  uint64_t size = 0;
-  ostream* output = ostream_create_memory(&buffer, &size);
-  EXPECT_EQ(image___appsrv_protocol_reply___serialize_bin_f(root, output), 0);
-  ostream_destroy(output);
-  socket_message message{buffer, size};
-  EXPECT_EQ(socket_msg_send(sock, nullptr, &message), 0) << socket_strerror(sock);
-  free(buffer);
-  image___appsrv_protocol_reply___destroy_allocator_f(arena);
-}
-
 Request parse_request(const socket_message& message) {
   Request request;
-  dympage* arena = image___appsrv_protocol_request___create_allocator_f();
-  auto* root = image___appsrv_protocol_request___root_t___allocate_f(arena);
+  dympage* arena = REQ(create_allocator_f)();
+  auto* root = REQ(root_t___allocate_f)(arena);
   istream* input = istream_create_memory(message.data, message.size);
-  int parsed = image___appsrv_protocol_request___parse_bin_f(arena, root, input);
+  int parsed = REQ(parse_bin_f)(arena, root, input);
   istream_destroy(input);
   EXPECT_EQ(parsed, 0);
   auto text = [](const message_text& field) { return " " + std::string(field.text, field.length); };
   void* payload = root->type.payload;
   request.tag = parsed == 0 && root->type.set ? root->type.tag : 99;
   if (request.tag == kList) request.what = "list";
-  if (request.tag == kDelete)
-    request.what = "delete" + text(static_cast<image___appsrv_protocol_request___root___type___delete_t*>(payload)->stack_name);
-  if (request.tag == kSelect)
-    request.what = "select" + text(static_cast<image___appsrv_protocol_request___root___type___select_t*>(payload)->stack_name);
-  if (request.tag == kRename) {
-    auto* rename = static_cast<image___appsrv_protocol_request___root___type___rename_t*>(payload);
+  if (request.tag == kDelete) request.what = "delete" + text(static_cast<REQ(root___type___delete_t)*>(payload)->stack_name);
+  if (request.tag == kSelect) request.what = "select" + text(static_cast<REQ(root___type___select_t)*>(payload)->stack_name);
+  if (auto* rename = static_cast<REQ(root___type___rename_t)*>(payload); request.tag == kRename)
     request.what = "rename" + text(rename->old_name) + text(rename->new_name);
-  }
-  if (request.tag == kUpload) {
-    auto* upload = static_cast<image___appsrv_protocol_request___root___type___upload_t*>(payload);
+  if (auto* upload = static_cast<REQ(root___type___upload_t)*>(payload); request.tag == kUpload) {
     request.what = "upload" + text(upload->stack_name);
     request.image_size = upload->image_size.value;
   }
-  image___appsrv_protocol_request___destroy_allocator_f(arena);
+  REQ(destroy_allocator_f)(arena);
   return request;
 }
 
-// Reads up to `size` raw bytes, fewer when the peer closes first.
-std::string read_bytes(socket_record* sock, uint64_t size) {
-  std::string bytes;
-  char buffer[65536];
-  while (bytes.size() < size && socket_is_alive(sock)) {
-    uint64_t count = std::min<uint64_t>(sizeof buffer, size - bytes.size());
-    if (socket_raw_recv(sock, buffer, &count) != 0) break;
-    bytes.append(buffer, count);
-  }
-  return bytes;
+enum Kind { kFailure, kNames, kEmpty, kUpgrade, kNothing };
+struct Reply {
+  Reply(Kind kind, std::vector<std::string> text = {}) : kind(kind), text(std::move(text)) {}
+  Kind kind;
+  std::vector<std::string> text;  // the reason, or the names in ascending order
+};
+
+// One reply frame in the reply module's layout: the fingerprint, the status
+// (failure 0, success 1, upgrade 2), then what the status holds.
+void send_reply(socket_record* sock, const Reply& reply) {
+  if (reply.kind == kNothing) return;
+  Wire wire;
+  if (reply.kind == kFailure) wire.u32(0).text(reply.text[0]);
+  if (reply.kind == kNames) wire.u32(1).u32(0).u32(static_cast<uint32_t>(reply.text.size()));
+  if (reply.kind == kNames)
+    for (const std::string& name : reply.text) wire.text(name);
+  if (reply.kind == kEmpty) wire.u32(1).u32(1);
+  if (reply.kind == kUpgrade) wire.u32(2);
+  socket_message message{wire.str().data(), wire.str().size()};
+  EXPECT_EQ(socket_msg_send(sock, nullptr, &message), 0) << socket_strerror(sock);
 }
 
 // Serves connections one at a time, as the daemon does, until destroyed.
@@ -130,11 +95,11 @@ class FakeDaemon {
 
   explicit FakeDaemon(Script script, const char* host = "127.0.0.1") : script_(std::move(script)) {
     socket_address address{};
-    if (socket_address_tcp(host, "0", &address) != 0 || socket_open(&address, 4, 1, &listener_) != 0) return;
-    sockaddr_in6 bound{};  // the port sits at the same place for IPv4
+    sockaddr_in6 bound{};  // an IPv4 port sits at the same place
     socklen_t length = sizeof bound;
+    if (socket_address_tcp(host, "0", &address) != 0 || socket_open(&address, 4, 1, &listener_) != 0) return;
     getsockname(listener_.descriptor, reinterpret_cast<sockaddr*>(&bound), &length);
-    port_ = ntohs(bound.sin6_port);
+    port = ntohs(bound.sin6_port);
     thread_ = std::thread([this] { serve(); });
   }
   ~FakeDaemon() {
@@ -143,13 +108,12 @@ class FakeDaemon {
     socket_close(&listener_);
   }
 
-  bool listening() const { return port_ != 0; }
-  std::string address() const { return "127.0.0.1:" + std::to_string(port_); }
-  uint16_t port() const { return port_; }
+  std::string address() const { return "127.0.0.1:" + std::to_string(port); }
   std::string requests() {  // "; " between them
     std::lock_guard<std::mutex> lock(mutex_);
     return requests_;
   }
+  uint16_t port = 0;  // 0 when it could not listen
 
  private:
   void serve() {
@@ -172,7 +136,6 @@ class FakeDaemon {
 
   Script script_;
   socket_record listener_{0, 0, nullptr, -1, ~uint64_t{0}, nullptr, nullptr};
-  uint16_t port_ = 0;
   std::atomic<bool> stop_{false};
   std::thread thread_;
   std::mutex mutex_;
@@ -185,17 +148,19 @@ class FakeDaemon {
 FakeDaemon::Script answer(std::vector<Reply> replies, std::string* image = nullptr) {
   return [replies, image, n = size_t{0}](socket_record* sock, const Request& request) mutable {
     const Reply& reply = replies[std::min(n++, replies.size() - 1)];
-    if (request.tag == kUpload && reply.kind != kFailure) {
-      std::string bytes = read_bytes(sock, static_cast<uint64_t>(request.image_size));
-      if (image != nullptr) *image = std::move(bytes);
+    std::string bytes;
+    char buffer[65536];
+    while (request.tag == kUpload && reply.kind != kFailure && bytes.size() < uint64_t(request.image_size)) {
+      uint64_t count = std::min<uint64_t>(sizeof buffer, uint64_t(request.image_size) - bytes.size());
+      if (!socket_is_alive(sock) || socket_raw_recv(sock, buffer, &count) != 0) break;
+      bytes.append(buffer, count);
     }
+    if (image != nullptr) *image = std::move(bytes);
     send_reply(sock, reply);
     if (reply.kind != kUpgrade) return;
     // Plain recv: socket_raw_recv closes the socket at the end of the input.
-    std::string input;
-    char buffer[256];
-    for (ssize_t got; (got = recv(sock->descriptor, buffer, sizeof buffer, 0)) > 0;) input.append(buffer, size_t(got));
-    std::string said = "got " + std::to_string(input.size()) + ": " + input;
+    for (ssize_t got; (got = recv(sock->descriptor, buffer, sizeof buffer, 0)) > 0;) bytes.append(buffer, size_t(got));
+    std::string said = "got " + std::to_string(bytes.size()) + ": " + bytes;
     send(sock->descriptor, said.data(), said.size(), MSG_NOSIGNAL);
   };
 }
@@ -213,12 +178,12 @@ struct TempFile {
 };
 
 struct Setup {
-  Setup(std::string input = "", int terminal = 0, std::vector<std::string> variables = {})
+  Setup(std::string input = "", int terminal = 0, std::vector<std::pair<std::string, std::string>> variables = {})
       : input(std::move(input)), terminal(terminal), variables(std::move(variables)) {}
   std::string input;  // standard input
   int terminal;  // 1 or 2: that stream is a pseudo-terminal (which shows "\n" as "\r\n")
-  // Added to the environment, which loses APPSRV_ADDRESS, NO_COLOR and TERM.
-  std::vector<std::string> variables;
+  // Set after APPSRV_ADDRESS, NO_COLOR and TERM are taken out of the environment.
+  std::vector<std::pair<std::string, std::string>> variables;
 };
 
 struct Outcome {
@@ -229,63 +194,43 @@ struct Outcome {
 };
 
 Outcome run(std::vector<std::string> words, const Setup& setup = {}) {
-  words.insert(words.begin(), APPSRVCTL_BINARY);
-  std::vector<std::string> variables = setup.variables;
-  for (char** variable = environ; *variable != nullptr; ++variable) {
-    std::string_view text = *variable;
-    if (!text.starts_with("APPSRV_ADDRESS=") && !text.starts_with("NO_COLOR=") && !text.starts_with("TERM="))
-      variables.emplace_back(text);
-  }
-  auto pointers = [](std::vector<std::string>& strings) {
-    std::vector<char*> result;
-    for (std::string& text : strings) result.push_back(text.data());
-    result.push_back(nullptr);
-    return result;
-  };
-  std::vector<char*> argv = pointers(words);
-  std::vector<char*> envp = pointers(variables);
+  for (const char* name : {"APPSRV_ADDRESS", "NO_COLOR", "TERM"}) unsetenv(name);
+  for (const auto& [name, value] : setup.variables) setenv(name.c_str(), value.c_str(), 1);
+  std::vector<char*> argv = {const_cast<char*>(APPSRVCTL_BINARY)};
+  for (std::string& word : words) argv.push_back(word.data());
+  argv.push_back(nullptr);
   int files[3];
   for (int& fd : files) fd = memfd_create("appsrvctl_test", MFD_CLOEXEC);
   EXPECT_EQ(pwrite(files[0], setup.input.data(), setup.input.size(), 0), ssize_t(setup.input.size()));
-  int master = -1;
-  if (setup.terminal != 0) {
-    master = posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC);
-    EXPECT_TRUE(master >= 0 && grantpt(master) == 0 && unlockpt(master) == 0);
+  int master = setup.terminal == 0 ? -1 : posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC);
+  if (master >= 0 && grantpt(master) == 0 && unlockpt(master) == 0) {
     close(files[setup.terminal]);
     files[setup.terminal] = open(ptsname(master), O_RDWR | O_NOCTTY | O_CLOEXEC);
   }
-  std::string shown;
-  char buffer[4096];
-  auto drain = [&] {
-    pollfd entry{master, POLLIN, 0};
-    for (ssize_t got; master >= 0 && poll(&entry, 1, 0) > 0 && (got = read(master, buffer, sizeof buffer)) > 0;)
-      shown.append(buffer, size_t(got));
-  };
+  Outcome result;
   int64_t started = runtime_getclock();
   pid_t pid = fork();
   if (pid == 0) {
-    // dup2 clears close-on-exec on the copies.
-    for (int fd = 0; fd < 3; ++fd)
+    for (int fd = 0; fd < 3; ++fd)  // dup2 clears close-on-exec on the copies
       if (dup2(files[fd], fd) < 0) _exit(126);
-    execve(argv[0], argv.data(), envp.data());
+    execv(argv[0], argv.data());
     _exit(127);
   }
   int status = 0;
   // Bounded, so a hanging client fails its test instead of the whole run.
-  for (; waitpid(pid, &status, WNOHANG) == 0; usleep(5000)) {
-    drain();
+  for (; waitpid(pid, &status, WNOHANG) == 0; usleep(5000))
     if (runtime_getclock() - started > 20000) kill(pid, SIGKILL);
-  }
-  Outcome result;
   result.elapsed_ms = runtime_getclock() - started;
   if (WIFEXITED(status)) result.status = WEXITSTATUS(status);
-  drain();
+  char buffer[4096];
   std::string* streams[3] = {nullptr, &result.out, &result.err};
-  for (int fd = 1; fd < 3; ++fd) {
+  for (int fd = 1; fd < 3; ++fd)
     for (ssize_t got, at = 0; fd != setup.terminal && (got = pread(files[fd], buffer, sizeof buffer, at)) > 0; at += got)
       streams[fd]->append(buffer, size_t(got));
-  }
-  if (setup.terminal != 0) *streams[setup.terminal] = shown;
+  // The few lines put on the terminal wait on its master side.
+  pollfd entry{master, POLLIN, 0};
+  for (ssize_t got; master >= 0 && poll(&entry, 1, 100) > 0 && (got = read(master, buffer, sizeof buffer)) > 0;)
+    streams[setup.terminal]->append(buffer, size_t(got));
   for (int fd : {files[0], files[1], files[2], master}) close(fd);
   return result;
 }
@@ -305,7 +250,7 @@ struct Scenario {
 void check(const std::vector<Scenario>& scenarios) {
   for (const Scenario& s : scenarios) {
     FakeDaemon daemon(answer(s.replies));
-    ASSERT_TRUE(daemon.listening());
+    ASSERT_NE(daemon.port, 0);
     TempFile image("image bytes");
     std::vector<std::string> arguments = {"--address", daemon.address()};
     for (const std::string& word : s.arguments) arguments.push_back(word == "IMAGE" ? image.path : word);
@@ -324,7 +269,7 @@ void check(const std::vector<Scenario>& scenarios) {
 
 TEST(Appsrvctl, ListPrintsNamesAsTheyAreToAPipeEscapedOnATerminalOrAsJson) {
   check({
-      {{{kNames, {"beta", "alpha", "esc\x1b[0m"}}}, {"ls"}, {}, 0, "alpha\nbeta\nesc\x1b[0m\n", "", "list"},
+      {{{kNames, {"alpha", "beta", "esc\x1b[0m"}}}, {"ls"}, {}, 0, "alpha\nbeta\nesc\x1b[0m\n", "", "list"},
       {{{kNames, {"alpha", "esc\x1b[0m\\"}}}, {"list"}, {"", 1}, 0, "alpha\r\nesc\\x1b[0m\\\\\r\n", "", "list"},
       {{{kNames, {"a\"b", "c\\d", "e\x01" "f"}}}, {"list", "--json"}, {}, 0,
        "[\"a\\\"b\",\"c\\\\d\",\"e\\u0001f\"]\n", "", "list"},
@@ -373,17 +318,17 @@ TEST(Appsrvctl, SelectJoinsStdinAndStdoutAndAsksOnceMoreWhileTheStackIsResurrect
 
 TEST(Appsrvctl, AddressComesFromTheFlagThenTheEnvironmentWithIpv6InBrackets) {
   FakeDaemon daemon(answer({{kNames, {"only"}}}));
-  ASSERT_TRUE(daemon.listening());
-  Outcome from_variable = run({"ls"}, {"", 0, {"APPSRV_ADDRESS=" + daemon.address()}});
+  ASSERT_NE(daemon.port, 0);
+  Outcome from_variable = run({"ls"}, {"", 0, {{"APPSRV_ADDRESS", daemon.address()}}});
   EXPECT_EQ(from_variable.status, 0) << from_variable.err;
   EXPECT_EQ(from_variable.out, "only\n");
-  Outcome from_flag = run({"ls", "--address", daemon.address()}, {"", 0, {"APPSRV_ADDRESS=127.0.0.1:1"}});
+  Outcome from_flag = run({"ls", "--address", daemon.address()}, {"", 0, {{"APPSRV_ADDRESS", "127.0.0.1:1"}}});
   EXPECT_EQ(from_flag.status, 0) << from_flag.err;
   EXPECT_EQ(daemon.requests(), "list; list");
 
   FakeDaemon six(answer({{kNames, {"six"}}}), "::1");
-  if (!six.listening()) GTEST_SKIP() << "no IPv6 loopback here";
-  Outcome result = run({"--address", "[::1]:" + std::to_string(six.port()), "ls"});
+  if (six.port == 0) GTEST_SKIP() << "no IPv6 loopback here";
+  Outcome result = run({"--address", "[::1]:" + std::to_string(six.port), "ls"});
   EXPECT_EQ(result.status, 0) << result.err;
   EXPECT_EQ(result.out, "six\n");
 }
@@ -394,7 +339,7 @@ TEST(Appsrvctl, UploadStreamsAnImageLargerThanTheSocketBuffersByteForByte) {
   TempFile image(contents);
   std::string received;
   FakeDaemon daemon(answer({{kNames, {"other"}}, {kEmpty}}, &received));
-  ASSERT_TRUE(daemon.listening());
+  ASSERT_NE(daemon.port, 0);
   Outcome result = run({"--address", daemon.address(), "upload", "app", image.path});
   EXPECT_EQ(result.status, 0) << result.err;
   EXPECT_EQ(result.err, "appsrvctl: " + daemon.address() + ": upload 'app': deployed (24.0 MiB)\n");
@@ -405,10 +350,10 @@ TEST(Appsrvctl, UploadStreamsAnImageLargerThanTheSocketBuffersByteForByte) {
 TEST(Appsrvctl, UploadShowsProgressOnlyOnATerminalWithoutNoColor) {
   TempFile image(std::string(3u << 20, 'p'));
   FakeDaemon daemon(answer({{kNames, {}}, {kEmpty}}));
-  ASSERT_TRUE(daemon.listening());
+  ASSERT_NE(daemon.port, 0);
   std::vector<std::string> upload = {"--address", daemon.address(), "upload", "app", image.path};
-  Outcome shown = run(upload, {"", 2, {"TERM=xterm"}});
-  Outcome plain = run(upload, {"", 2, {"NO_COLOR=1"}});
+  Outcome shown = run(upload, {"", 2, {{"TERM", "xterm"}}});
+  Outcome plain = run(upload, {"", 2, {{"NO_COLOR", "1"}}});
   EXPECT_EQ(shown.status, 0) << shown.err;
   size_t full = shown.err.find("\r  3.0 MiB / 3.0 MiB  100%");
   ASSERT_NE(full, std::string::npos) << shown.err;
@@ -427,35 +372,29 @@ TEST(Appsrvctl, UploadTakesAnEarlyRefusalWhileStreaming) {
     send_reply(sock, {kFailure, {"image too large"}});
     usleep(200000);
   });
-  ASSERT_TRUE(daemon.listening());
+  ASSERT_NE(daemon.port, 0);
   Outcome result = run({"--address", daemon.address(), "upload", "big", image.path});
   EXPECT_EQ(result.status, 1);
   EXPECT_EQ(result.err, "appsrvctl: " + daemon.address() + ": upload 'big': image too large\n");
 }
 
 TEST(Appsrvctl, RefusedFullOrSilentDaemonsEndWithStatusFiveWithinTheTimeout) {
-  // A bound socket that does not listen refuses; once it listens with a full
-  // queue, further connection attempts are dropped and connect would wait
-  // for the kernel's retries.
-  int listener = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  socklen_t length = sizeof address;
-  ASSERT_EQ(bind(listener, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
-  getsockname(listener, reinterpret_cast<sockaddr*>(&address), &length);
-  std::string target = "127.0.0.1:" + std::to_string(ntohs(address.sin_port));
-  Outcome refused = run({"--address", target, "ls"});
+  std::string gone = FakeDaemon(answer({{kEmpty}})).address();
+  Outcome refused = run({"--address", gone, "ls"});
   EXPECT_EQ(refused.status, 5);
-  EXPECT_EQ(refused.err, "appsrvctl: " + target + ": list: cannot connect: Connection refused\n");
+  EXPECT_EQ(refused.err, "appsrvctl: " + gone + ": list: cannot connect: Connection refused\n");
 
-  ASSERT_EQ(listen(listener, 0), 0);
+  // A listener with a full queue drops further connection attempts, so
+  // connect would wait for the kernel's retries.
+  int listener = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  sockaddr_in address{AF_INET, 0, {htonl(INADDR_LOOPBACK)}, {}};
+  socklen_t length = sizeof address;
+  auto* raw = reinterpret_cast<sockaddr*>(&address);
+  ASSERT_TRUE(bind(listener, raw, length) == 0 && listen(listener, 0) == 0 && getsockname(listener, raw, &length) == 0);
   int fillers[2];
-  for (int& filler : fillers) {
-    filler = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-    connect(filler, reinterpret_cast<sockaddr*>(&address), sizeof address);
-  }
+  for (int& filler : fillers) connect(filler = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0), raw, length);
   usleep(50000);
+  std::string target = "127.0.0.1:" + std::to_string(ntohs(address.sin_port));
   Outcome full = run({"--timeout", "0.5", "--address", target, "ls"});
   for (int fd : {fillers[0], fillers[1], listener}) close(fd);
   EXPECT_EQ(full.status, 5);
@@ -463,7 +402,7 @@ TEST(Appsrvctl, RefusedFullOrSilentDaemonsEndWithStatusFiveWithinTheTimeout) {
   EXPECT_LT(full.elapsed_ms, 1500);
 
   FakeDaemon silent([](socket_record*, const Request&) { usleep(1500000); });
-  ASSERT_TRUE(silent.listening());
+  ASSERT_NE(silent.port, 0);
   Outcome timed_out = run({"--address", silent.address(), "--timeout", "0.3", "ls"});
   EXPECT_EQ(timed_out.status, 5);
   EXPECT_EQ(timed_out.err, "appsrvctl: " + silent.address() + ": list: timed out after 0.3 s waiting for a reply\n");
