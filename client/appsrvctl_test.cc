@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <fcntl.h>
 #include <mutex>
+#include <netinet/in.h>
 #include <poll.h>
 #include <regex>
 #include <string>
