@@ -1,629 +1,361 @@
 // The built appsrvctl run against a fake daemon: a loopback listener that
 // reads each request frame with the socket family, parses it with the request
-// module and answers as the test says with the reply module.
+// module and answers as the test says, in the reply layout.
 #include <gtest/gtest.h>
 
 #include <arpa/inet.h>
-#include <atomic>
-#include <cerrno>
-#include <csignal>
 #include <cstdlib>
-#include <cstring>
 #include <fcntl.h>
-#include <functional>
 #include <mutex>
 #include <netinet/in.h>
 #include <poll.h>
+#include <regex>
 #include <string>
-#include <string_view>
+#include <sys/mman.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <thread>
 #include <unistd.h>
 #include <vector>
 
-#include "base/istream.h"
-#include "base/ostream.h"
 #include "base/runtime.h"
 #include "base/socket.h"
-#include "protocol/appsrv_protocol_reply/appsrv_protocol_reply.h"
 #include "protocol/appsrv_protocol_request/appsrv_protocol_request.h"
-
-extern char** environ;
+#include "protocol/message_testing.h"
 
 namespace {
 
 // ---- the fake daemon ----------------------------------------------------
 
-enum : uint32_t { kDelete = 0, kList = 1, kRename = 2, kSelect = 3, kUpload = 4 };
+#define REQ(name) image___appsrv_protocol_request___##name
 
 struct Request {
-  uint32_t tag = 99;
-  std::string name;  // stack_name, or old_name for rename
-  std::string new_name;
-  int64_t image_size = 0;
+  std::string what;  // "list", "delete NAME", "rename OLD NEW", ...
+  int64_t image_size = 0;  // of an upload
 };
 
-using reply_root = image___appsrv_protocol_reply___root_t;
-
-// Builds one reply with the reply module and sends it as one frame.
-void send_reply(socket_record* sock, const std::function<void(dympage*, reply_root*)>& build) {
-  dympage* arena = image___appsrv_protocol_reply___create_allocator_f();
-  reply_root* root = image___appsrv_protocol_reply___root_t___allocate_f(arena);
-  build(arena, root);
-  image___appsrv_protocol_reply___finalize_f(root);
-  char* buffer = nullptr;
-  uint64_t size = 0;
-  ostream* output = ostream_create_memory(&buffer, &size);
-  EXPECT_EQ(image___appsrv_protocol_reply___serialize_bin_f(root, output), 0);
-  ostream_destroy(output);
-  socket_message message{buffer, size};
-  EXPECT_EQ(socket_msg_send(sock, nullptr, &message), 0) << socket_strerror(sock);
-  free(buffer);
-  image___appsrv_protocol_reply___destroy_allocator_f(arena);
-}
-
-void reply_failure(socket_record* sock, const char* reason) {
-  send_reply(sock, [&](dympage* arena, reply_root* root) {
-    auto* failure = image___appsrv_protocol_reply___root_t___status___iwrite_setto___failure(arena, root);
-    image___appsrv_protocol_reply___root___status___failure_t___reason___iwrite_set(arena, failure, reason);
-  });
-}
-
-void reply_names(socket_record* sock, const std::vector<std::string>& names) {
-  send_reply(sock, [&](dympage* arena, reply_root* root) {
-    auto* success = image___appsrv_protocol_reply___root_t___status___iwrite_setto___success(arena, root);
-    auto* data = image___appsrv_protocol_reply___root___status___success_t___type___iwrite_setto___data(arena, success);
-    for (const std::string& name : names)
-      image___appsrv_protocol_reply___root___status___success___type___data_t___stack_names___iwrite_create_entry(
-          arena, data, name.c_str());
-  });
-}
-
-void reply_empty(socket_record* sock) {
-  send_reply(sock, [&](dympage* arena, reply_root* root) {
-    auto* success = image___appsrv_protocol_reply___root_t___status___iwrite_setto___success(arena, root);
-    image___appsrv_protocol_reply___root___status___success_t___type___iwrite_setto___empty(arena, success);
-  });
-}
-
-void reply_upgrade(socket_record* sock) {
-  send_reply(sock, [&](dympage* arena, reply_root* root) {
-    image___appsrv_protocol_reply___root_t___status___iwrite_setto___upgrade(arena, root);
-  });
-}
-
-// Reads up to `size` raw bytes, fewer when the peer closes first.
-std::string read_bytes(socket_record* sock, uint64_t size) {
-  std::string bytes;
-  char buffer[65536];
-  while (bytes.size() < size && socket_is_alive(sock)) {
-    uint64_t count = std::min<uint64_t>(sizeof buffer, size - bytes.size());
-    if (socket_raw_recv(sock, buffer, &count) != 0) break;
-    bytes.append(buffer, count);
-  }
-  return bytes;
-}
-
 Request parse_request(const socket_message& message) {
+  TestArena arena;
+  auto* root = REQ(root_t___allocate_f)(arena);
+  std::string bytes(static_cast<const char*>(message.data), message.size);
+  int parsed = parse_with(&REQ(parse_bin_f), arena, root, bytes);
+  EXPECT_EQ(parsed, 0) << reason_of(root);
+  auto text = [](const message_text& field) { return " " + std::string(field.text, field.length); };
+  void* payload = root->type.payload;
   Request request;
-  dympage* arena = image___appsrv_protocol_request___create_allocator_f();
-  auto* root = image___appsrv_protocol_request___root_t___allocate_f(arena);
-  istream* input = istream_create_memory(message.data, message.size);
-  int parsed = image___appsrv_protocol_request___parse_bin_f(arena, root, input);
-  istream_destroy(input);
-  EXPECT_EQ(parsed, 0) << (root->failure_reason ? root->failure_reason : "");
-  if (parsed == 0 && root->type.set) {
-    request.tag = root->type.tag;
-    auto text = [](const message_text& field) { return std::string(field.text, field.length); };
-    void* payload = root->type.payload;
-    switch (request.tag) {
-      case kDelete:
-        request.name = text(static_cast<image___appsrv_protocol_request___root___type___delete_t*>(payload)->stack_name);
-        break;
-      case kSelect:
-        request.name = text(static_cast<image___appsrv_protocol_request___root___type___select_t*>(payload)->stack_name);
-        break;
-      case kRename: {
-        auto* rename = static_cast<image___appsrv_protocol_request___root___type___rename_t*>(payload);
-        request.name = text(rename->old_name);
-        request.new_name = text(rename->new_name);
-        break;
-      }
-      case kUpload: {
-        auto* upload = static_cast<image___appsrv_protocol_request___root___type___upload_t*>(payload);
-        request.name = text(upload->stack_name);
-        request.image_size = upload->image_size.value;
-        break;
-      }
-      default:
-        break;
-    }
+  // The variants: 0 delete, 1 list, 2 rename, 3 select, 4 upload.
+  uint32_t tag = parsed == 0 && root->type.set ? root->type.tag : 99;
+  if (tag == 1) request.what = "list";
+  if (tag == 0) request.what = "delete" + text(static_cast<REQ(root___type___delete_t)*>(payload)->stack_name);
+  if (tag == 3) request.what = "select" + text(static_cast<REQ(root___type___select_t)*>(payload)->stack_name);
+  if (auto* rename = static_cast<REQ(root___type___rename_t)*>(payload); tag == 2)
+    request.what = "rename" + text(rename->old_name) + text(rename->new_name);
+  if (auto* upload = static_cast<REQ(root___type___upload_t)*>(payload); tag == 4) {
+    request.what = "upload" + text(upload->stack_name);
+    request.image_size = upload->image_size.value;
   }
-  image___appsrv_protocol_request___destroy_allocator_f(arena);
   return request;
 }
 
-// Serves connections one at a time, as the daemon does, until destroyed.
-class FakeDaemon {
- public:
-  // Called for every connection with its request; closes it on return.
-  using Script = std::function<void(socket_record* connection, const Request& request)>;
+enum Kind { kFailure, kNames, kEmpty, kUpgrade, kNothing };
+struct Reply {
+  Reply(Kind kind, std::vector<std::string> text = {}) : kind(kind), text(std::move(text)) {}
+  Kind kind;
+  std::vector<std::string> text;  // the reason, or the names in ascending order
+};
 
-  explicit FakeDaemon(Script script, const char* host = "127.0.0.1") : script_(std::move(script)) {
+// One reply frame in the reply module's layout: the fingerprint, the status
+// (failure 0, success 1, upgrade 2), then what the status holds.
+void send_reply(socket_record* sock, const Reply& reply) {
+  if (reply.kind == kNothing) return;
+  Wire wire;
+  if (reply.kind == kFailure) wire.u32(0);
+  if (reply.kind == kNames) wire.u32(1).u32(0).u32(static_cast<uint32_t>(reply.text.size()));
+  if (reply.kind == kEmpty) wire.u32(1).u32(1);
+  if (reply.kind == kUpgrade) wire.u32(2);
+  for (const std::string& text : reply.text) wire.text(text);
+  socket_message message{wire.str().data(), wire.str().size()};
+  EXPECT_EQ(socket_msg_send(sock, nullptr, &message), 0) << socket_strerror(sock);
+}
+
+// Serves connections one at a time, as the daemon does, until destroyed. The
+// n-th request gets replies[n], the last one from then on. An upload's image
+// is read (into `image`) unless the reply refuses it; after an upgrade the
+// "application" reads all its input and answers "got N: INPUT". A daemon that
+// leaves the image unread or does not answer closes a second later (the close
+// then resets the client's side).
+struct FakeDaemon {
+  explicit FakeDaemon(std::vector<Reply> replies, std::string* image = nullptr, const char* host = "127.0.0.1") {
     socket_address address{};
-    if (socket_address_tcp(host, "0", &address) != 0 || socket_open(&address, 4, 1, &listener_) != 0) return;
-    sockaddr_storage bound{};
+    sockaddr_in6 bound{};  // an IPv4 port sits at the same place
     socklen_t length = sizeof bound;
-    getsockname(listener_.descriptor, reinterpret_cast<sockaddr*>(&bound), &length);
-    port_ = ntohs(bound.ss_family == AF_INET6 ? reinterpret_cast<sockaddr_in6*>(&bound)->sin6_port
-                                              : reinterpret_cast<sockaddr_in*>(&bound)->sin_port);
-    thread_ = std::thread([this] { serve(); });
-  }
-
-  ~FakeDaemon() {
-    stop_ = true;
-    if (thread_.joinable()) thread_.join();
-    socket_close(&listener_);
-  }
-
-  bool listening() const { return port_ != 0; }
-  uint16_t port() const { return port_; }
-  std::vector<Request> requests() {
-    std::lock_guard<std::mutex> lock(mutex_);
-    return requests_;
-  }
-
- private:
-  void serve() {
-    while (!stop_) {
-      pollfd entry{listener_.descriptor, POLLIN, 0};
-      if (poll(&entry, 1, 20) <= 0) continue;
-      socket_record connection{};
-      if (socket_accept(&listener_, 0, &connection) != 0) continue;
+    if (socket_address_tcp(host, "0", &address) != 0 || socket_open(&address, 4, 1, &listener) != 0) return;
+    getsockname(listener.descriptor, reinterpret_cast<sockaddr*>(&bound), &length);
+    port = ntohs(bound.sin6_port);
+    thread = std::thread([this, replies, image] {
       socket_message message{};
-      if (socket_msg_recv(&connection, nullptr, &message) == 0 && message.size > 0) {
-        Request request = parse_request(message);
-        {
-          std::lock_guard<std::mutex> lock(mutex_);
-          requests_.push_back(request);
-        }
-        script_(&connection, request);
-      }
-      socket_close(&connection);
-    }
+      for (size_t n = 0; socket_accept(&listener, 0, &connection) == 0; socket_close(&connection))
+        if (socket_msg_recv(&connection, nullptr, &message) == 0 && message.size > 0)
+          serve(parse_request(message), replies[std::min(n++, replies.size() - 1)], image);
+    });
+  }
+  ~FakeDaemon() {
+    shutdown(listener.descriptor, SHUT_RDWR);  // ends the accept
+    if (thread.joinable()) thread.join();
+    socket_close(&listener);
+  }
+  std::string address() const { return "127.0.0.1:" + std::to_string(port); }
+  std::string requests() {  // "; " between them
+    std::lock_guard<std::mutex> lock(mutex);
+    return log;
   }
 
-  Script script_;
-  socket_record listener_{0, 0, nullptr, -1, ~uint64_t{0}, nullptr, nullptr};
-  uint16_t port_ = 0;
-  std::atomic<bool> stop_{false};
-  std::thread thread_;
-  std::mutex mutex_;
-  std::vector<Request> requests_;
+  void serve(const Request& request, const Reply& reply, std::string* image) {
+    std::unique_lock<std::mutex> lock(mutex);
+    log += (log.empty() ? "" : "; ") + request.what;
+    lock.unlock();
+    bool refused = request.image_size > 0 && reply.kind == kFailure;
+    std::string bytes;
+    char buffer[65536];
+    while (!refused && bytes.size() < uint64_t(request.image_size)) {
+      uint64_t count = std::min<uint64_t>(sizeof buffer, uint64_t(request.image_size) - bytes.size());
+      if (!socket_is_alive(&connection) || socket_raw_recv(&connection, buffer, &count) != 0) break;
+      bytes.append(buffer, count);
+    }
+    if (image != nullptr && request.image_size > 0) *image = bytes;
+    send_reply(&connection, reply);
+    if (refused || reply.kind == kNothing) usleep(1000000);
+    if (reply.kind != kUpgrade) return;
+    // Plain recv: socket_raw_recv closes the socket at the end of the input.
+    std::string input;
+    for (ssize_t got; (got = recv(connection.descriptor, buffer, sizeof buffer, 0)) > 0;)
+      input.append(buffer, size_t(got));
+    std::string said = "got " + std::to_string(input.size()) + ": " + input;
+    send(connection.descriptor, said.data(), said.size(), MSG_NOSIGNAL);
+  }
+
+  socket_record listener{0, 0, nullptr, -1, ~uint64_t{0}, nullptr, nullptr};
+  socket_record connection{0, 0, nullptr, -1, ~uint64_t{0}, nullptr, nullptr};
+  uint16_t port = 0;  // 0 when it could not listen
+  std::mutex mutex;
+  std::string log;
+  std::thread thread;
 };
 
 // ---- running the client -------------------------------------------------
 
-struct Outcome {
-  int status = -1;  // exit status, or -1 when it had to be killed
-  std::string out;
-  std::string err;
-  int64_t elapsed_ms = 0;
+struct TempFile {
+  std::string path = "/tmp/appsrvctl_test_XXXXXX";
+  explicit TempFile(const std::string& contents) {
+    int fd = mkstemp(path.data());
+    EXPECT_EQ(write(fd, contents.data(), contents.size()), static_cast<ssize_t>(contents.size()));
+    close(fd);
+  }
+  ~TempFile() { unlink(path.c_str()); }
 };
 
-std::string temporary_file(const std::string& contents) {
-  char path[] = "/tmp/appsrvctl_test_XXXXXX";
-  int fd = mkstemp(path);
-  EXPECT_GE(fd, 0);
-  EXPECT_EQ(write(fd, contents.data(), contents.size()), static_cast<ssize_t>(contents.size()));
-  close(fd);
-  return path;
-}
-
-std::string slurp(const std::string& path) {
-  std::string contents;
-  int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
-  char buffer[4096];
-  ssize_t got;
-  while (fd >= 0 && (got = read(fd, buffer, sizeof buffer)) > 0) contents.append(buffer, static_cast<size_t>(got));
-  if (fd >= 0) close(fd);
-  return contents;
-}
-
-// How a run is set up. The inherited environment loses APPSRV_ADDRESS,
-// NO_COLOR and TERM before `variables` ("NAME=value") are added.
 struct Setup {
+  Setup(std::string input = "", int terminal = 0, std::vector<std::pair<std::string, std::string>> variables = {})
+      : input(std::move(input)), terminal(terminal), variables(std::move(variables)) {}
   std::string input;  // standard input
-  std::vector<std::string> variables;
-  // 1 or 2: that stream is a pseudo-terminal and `out` or `err` holds what
-  // appeared on it (the terminal turns "\n" into "\r\n").
-  int terminal = 0;
+  int terminal;  // 1 or 2: that stream is a pseudo-terminal (which shows "\n" as "\r\n")
+  // Set after APPSRV_ADDRESS, NO_COLOR and TERM are taken out of the environment.
+  std::vector<std::pair<std::string, std::string>> variables;
 };
 
-Setup with_input(std::string input) {
-  Setup setup;
-  setup.input = std::move(input);
-  return setup;
-}
+// The exit status (-1 when the alarm ended it) and what was written.
+struct Outcome {
+  int status = -1;
+  std::string out, err;
+};
 
-Setup with_variables(std::vector<std::string> variables, int terminal = 0) {
-  Setup setup;
-  setup.variables = std::move(variables);
-  setup.terminal = terminal;
-  return setup;
-}
-
-Outcome run(const std::vector<std::string>& arguments, const Setup& setup = Setup()) {
-  std::string in_path = temporary_file(setup.input);
-  std::string out_path = temporary_file("");
-  std::string err_path = temporary_file("");
-  std::vector<std::string> words = {APPSRVCTL_BINARY};
-  words.insert(words.end(), arguments.begin(), arguments.end());
-  std::vector<char*> argv;
+Outcome run(std::vector<std::string> words, const Setup& setup = {}) {
+  for (const char* name : {"APPSRV_ADDRESS", "NO_COLOR", "TERM"}) unsetenv(name);
+  for (const auto& [name, value] : setup.variables) setenv(name.c_str(), value.c_str(), 1);
+  std::vector<char*> argv = {const_cast<char*>(APPSRVCTL_BINARY)};
   for (std::string& word : words) argv.push_back(word.data());
   argv.push_back(nullptr);
-  std::vector<std::string> variables;
-  for (char** variable = environ; *variable != nullptr; ++variable) {
-    std::string_view text = *variable;
-    if (!text.starts_with("APPSRV_ADDRESS=") && !text.starts_with("NO_COLOR=") && !text.starts_with("TERM="))
-      variables.emplace_back(text);
+  int files[3];
+  for (int& fd : files) fd = memfd_create("appsrvctl_test", MFD_CLOEXEC);
+  EXPECT_EQ(pwrite(files[0], setup.input.data(), setup.input.size(), 0), ssize_t(setup.input.size()));
+  int master = setup.terminal == 0 ? -1 : posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC);
+  if (master >= 0 && grantpt(master) == 0 && unlockpt(master) == 0) {
+    close(files[setup.terminal]);
+    files[setup.terminal] = open(ptsname(master), O_RDWR | O_NOCTTY | O_CLOEXEC);
   }
-  variables.insert(variables.end(), setup.variables.begin(), setup.variables.end());
-  std::vector<char*> envp;
-  for (std::string& variable : variables) envp.push_back(variable.data());
-  envp.push_back(nullptr);
-
-  int in = open(in_path.c_str(), O_RDONLY | O_CLOEXEC);
-  int out = open(out_path.c_str(), O_WRONLY | O_CLOEXEC);
-  int err = open(err_path.c_str(), O_WRONLY | O_CLOEXEC);
-  int master = -1;
-  if (setup.terminal != 0) {
-    master = posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC);
-    EXPECT_GE(master, 0);
-    EXPECT_EQ(grantpt(master), 0);
-    EXPECT_EQ(unlockpt(master), 0);
-    int& replaced = setup.terminal == 1 ? out : err;
-    close(replaced);
-    replaced = open(ptsname(master), O_RDWR | O_NOCTTY | O_CLOEXEC);
-    EXPECT_GE(replaced, 0);
-  }
-  std::string on_terminal;
-  auto drain = [&] {
-    char buffer[4096];
-    ssize_t got;
-    pollfd entry{master, POLLIN, 0};
-    while (master >= 0 && poll(&entry, 1, 0) > 0 && (got = read(master, buffer, sizeof buffer)) > 0)
-      on_terminal.append(buffer, static_cast<size_t>(got));
-  };
-  int64_t started = runtime_getclock();
   pid_t pid = fork();
   if (pid == 0) {
-    // dup2 clears close-on-exec on the copies.
-    if (dup2(in, 0) < 0 || dup2(out, 1) < 0 || dup2(err, 2) < 0) _exit(126);
-    execve(argv[0], argv.data(), envp.data());
+    alarm(20);  // a hanging client fails its test instead of the whole run
+    for (int fd = 0; fd < 3; ++fd)  // dup2 clears close-on-exec on the copies
+      if (dup2(files[fd], fd) < 0) _exit(126);
+    execv(argv[0], argv.data());
     _exit(127);
   }
-  close(in);
-  close(out);
-  close(err);
-  Outcome result;
   int status = 0;
-  // Bounded, so a hanging client fails its test instead of the whole run.
-  while (waitpid(pid, &status, WNOHANG) == 0) {
-    drain();
-    if (runtime_getclock() - started > 20000) {
-      kill(pid, SIGKILL);
-      waitpid(pid, &status, 0);
-      status = -1;
-      break;
-    }
-    usleep(5000);
+  waitpid(pid, &status, 0);
+  Outcome result;
+  if (WIFEXITED(status)) result.status = WEXITSTATUS(status);
+  char buffer[4096];
+  std::string* streams[3] = {nullptr, &result.out, &result.err};
+  for (int fd = 1; fd < 3; ++fd) {
+    // A file is read from the start; the few lines put on a terminal wait on its master side.
+    pollfd entry{fd == setup.terminal ? master : files[fd], POLLIN, 0};
+    lseek(entry.fd, 0, SEEK_SET);
+    for (ssize_t got; poll(&entry, 1, 100) > 0 && (got = read(entry.fd, buffer, sizeof buffer)) > 0;)
+      streams[fd]->append(buffer, size_t(got));
   }
-  result.elapsed_ms = runtime_getclock() - started;
-  if (status != -1 && WIFEXITED(status)) result.status = WEXITSTATUS(status);
-  drain();
-  if (master >= 0) close(master);
-  result.out = setup.terminal == 1 ? on_terminal : slurp(out_path);
-  result.err = setup.terminal == 2 ? on_terminal : slurp(err_path);
-  unlink(in_path.c_str());
-  unlink(out_path.c_str());
-  unlink(err_path.c_str());
+  for (int fd : {files[0], files[1], files[2], master}) close(fd);
   return result;
 }
 
-std::string address_of(const FakeDaemon& daemon) { return "127.0.0.1:" + std::to_string(daemon.port()); }
+// One run against a fake daemon giving `replies`, whose address is in
+// APPSRV_ADDRESS unless `setup` sets it. In `arguments` ADDRESS stands for the
+// daemon's address, IMAGE for a small file and BIG for one of 16 MiB, larger
+// than the socket buffers; an image the daemon reads must arrive unchanged.
+struct Scenario {
+  std::vector<Reply> replies;
+  std::vector<std::string> arguments;
+  Setup setup;
+  int status;
+  std::string out, err;  // in `err` "@" stands for "appsrvctl: ADDRESS: "
+  std::string requests;  // what reached the daemon
+};
 
-std::vector<std::string> with_address(const FakeDaemon& daemon, std::vector<std::string> arguments) {
-  arguments.insert(arguments.begin(), {"--address", address_of(daemon)});
-  return arguments;
+void check(const std::vector<Scenario>& scenarios) {
+  for (const Scenario& s : scenarios) {
+    std::string contents(s.arguments.back() == "BIG" ? 16u << 20 : 16u, '\0'), received;
+    for (size_t i = 0; i < contents.size(); ++i) contents[i] = static_cast<char>((i * 2654435761u) >> 13);
+    TempFile image(contents);
+    FakeDaemon daemon(s.replies, &received);
+    ASSERT_NE(daemon.port, 0);
+    std::vector<std::string> arguments;
+    for (const std::string& word : s.arguments)
+      arguments.push_back(word == "ADDRESS" ? daemon.address() : word == "IMAGE" || word == "BIG" ? image.path : word);
+    Setup setup = s.setup;
+    setup.variables.insert(setup.variables.begin(), {"APPSRV_ADDRESS", daemon.address()});
+    SCOPED_TRACE(arguments[0] + " " + (arguments.size() > 1 ? arguments[1] : ""));
+    Outcome result = run(arguments, setup);
+    std::string err;
+    for (char c : s.err) err += c == '@' ? "appsrvctl: " + daemon.address() + ": " : std::string(1, c);
+    EXPECT_EQ(result.status, s.status) << result.err;
+    EXPECT_EQ(result.out, s.out);
+    EXPECT_EQ(result.err, err);
+    EXPECT_EQ(daemon.requests(), s.requests);
+    EXPECT_TRUE(received.empty() || received == contents) << "received " << received.size() << " bytes";
+  }
 }
 
 // ---- tests --------------------------------------------------------------
 
-TEST(Appsrvctl, ListPrintsOneNamePerLineInTheDaemonsOrder) {
-  FakeDaemon daemon([](socket_record* sock, const Request&) { reply_names(sock, {"beta", "alpha", "esc\x1b[0m"}); });
-  ASSERT_TRUE(daemon.listening());
-  Outcome result = run(with_address(daemon, {"ls"}));
-  EXPECT_EQ(result.status, 0) << result.err;
-  EXPECT_EQ(result.out, "alpha\nbeta\nesc\x1b[0m\n") << "not a terminal: names go out as they are";
-  EXPECT_EQ(result.err, "");
-  ASSERT_EQ(daemon.requests().size(), 1u);
-  EXPECT_EQ(daemon.requests()[0].tag, kList);
-}
-
-TEST(Appsrvctl, ListEscapesControlBytesOnATerminal) {
-  FakeDaemon daemon([](socket_record* sock, const Request&) { reply_names(sock, {"alpha", "esc\x1b[0m\\"}); });
-  ASSERT_TRUE(daemon.listening());
-  Outcome result = run(with_address(daemon, {"ls"}), with_variables({}, 1));
-  EXPECT_EQ(result.status, 0) << result.err;
-  EXPECT_EQ(result.out, "alpha\r\nesc\\x1b[0m\\\\\r\n");
-}
-
-TEST(Appsrvctl, ListJsonIsOneArrayOfEscapedStrings) {
-  FakeDaemon daemon([](socket_record* sock, const Request&) { reply_names(sock, {"a\"b", "c\\d", "e\x01" "f"}); });
-  ASSERT_TRUE(daemon.listening());
-  Outcome result = run(with_address(daemon, {"list", "--json"}));
-  EXPECT_EQ(result.status, 0) << result.err;
-  EXPECT_EQ(result.out, "[\"a\\\"b\",\"c\\\\d\",\"e\\u0001f\"]\n");
-
-  FakeDaemon empty([](socket_record* sock, const Request&) { reply_names(sock, {}); });
-  ASSERT_TRUE(empty.listening());
-  EXPECT_EQ(run(with_address(empty, {"list", "--json"})).out, "[]\n");
-}
-
-TEST(Appsrvctl, AddressComesFromTheEnvironmentWithoutAFlag) {
-  FakeDaemon daemon([](socket_record* sock, const Request&) { reply_names(sock, {"only"}); });
-  ASSERT_TRUE(daemon.listening());
-  Outcome result = run({"ls"}, with_variables({"APPSRV_ADDRESS=" + address_of(daemon)}));
-  EXPECT_EQ(result.status, 0) << result.err;
-  EXPECT_EQ(result.out, "only\n");
-}
-
-TEST(Appsrvctl, Ipv6AddressInBrackets) {
-  FakeDaemon daemon([](socket_record* sock, const Request&) { reply_names(sock, {"six"}); }, "::1");
-  if (!daemon.listening()) GTEST_SKIP() << "no IPv6 loopback here";
-  Outcome result = run({"--address", "[::1]:" + std::to_string(daemon.port()), "ls"});
-  EXPECT_EQ(result.status, 0) << result.err;
-  EXPECT_EQ(result.out, "six\n");
-}
-
-TEST(Appsrvctl, DeleteReportsUnknownNamesUnlessForced) {
-  FakeDaemon daemon([](socket_record* sock, const Request&) { reply_failure(sock, "unknown name"); });
-  ASSERT_TRUE(daemon.listening());
-  std::string prefix = "appsrvctl: " + address_of(daemon) + ": ";
-
-  Outcome plain = run(with_address(daemon, {"delete", "gone"}));
-  EXPECT_EQ(plain.status, 3);
-  EXPECT_EQ(plain.err, prefix + "delete 'gone': unknown name\n");
-
-  Outcome forced = run(with_address(daemon, {"rm", "--force", "gone"}));
-  EXPECT_EQ(forced.status, 0) << forced.err;
-  EXPECT_EQ(forced.err, prefix + "delete 'gone': already gone\n");
-  ASSERT_EQ(daemon.requests().size(), 2u);
-  EXPECT_EQ(daemon.requests()[1].tag, kDelete);
-  EXPECT_EQ(daemon.requests()[1].name, "gone");
-}
-
-TEST(Appsrvctl, FailureReasonsBecomeStatuses) {
-  FakeDaemon daemon([](socket_record* sock, const Request& request) {
-    reply_failure(sock, request.name == "dup" ? "duplicate name" : "spawn child");
+TEST(Appsrvctl, ListPrintsNamesAsTheyAreToAPipeEscapedOnATerminalOrAsJson) {
+  check({
+      {{{kNames, {"alpha", "beta", "esc\x1b[0m"}}}, {"ls"}, {}, 0, "alpha\nbeta\nesc\x1b[0m\n", "", "list"},
+      {{{kNames, {"alpha", "esc\x1b[0m\\"}}}, {"list"}, {"", 1}, 0, "alpha\r\nesc\\x1b[0m\\\\\r\n", "", "list"},
+      {{{kNames, {"a\"b", "c\\d", "e\x01" "f"}}}, {"list", "--json"}, {}, 0,
+       "[\"a\\\"b\",\"c\\\\d\",\"e\\u0001f\"]\n", "", "list"},
+      {{{kNames, {}}}, {"list", "--json"}, {}, 0, "[]\n", "", "list"},
   });
-  ASSERT_TRUE(daemon.listening());
-  Outcome other = run(with_address(daemon, {"select", "x"}));
-  EXPECT_EQ(other.status, 1);
-  EXPECT_EQ(other.err, "appsrvctl: " + address_of(daemon) + ": select 'x': spawn child\n");
-  Outcome taken = run(with_address(daemon, {"rename", "dup", "b"}));
-  EXPECT_EQ(taken.status, 4);
-  EXPECT_EQ(taken.err, "appsrvctl: " + address_of(daemon) + ": rename 'dup' to 'b': duplicate name\n");
 }
 
-TEST(Appsrvctl, RenameEndsWithTheStacksUpgrade) {
-  FakeDaemon daemon([](socket_record* sock, const Request&) { reply_upgrade(sock); });
-  ASSERT_TRUE(daemon.listening());
-  Outcome result = run(with_address(daemon, {"rename", "old", "new"}), with_input("must not be sent\n"));
-  EXPECT_EQ(result.status, 0) << result.err;
-  EXPECT_EQ(result.out, "");
-  EXPECT_EQ(result.err, "appsrvctl: " + address_of(daemon) + ": rename 'old' to 'new': renamed\n");
-  ASSERT_EQ(daemon.requests().size(), 1u);
-  EXPECT_EQ(daemon.requests()[0].tag, kRename);
-  EXPECT_EQ(daemon.requests()[0].name, "old");
-  EXPECT_EQ(daemon.requests()[0].new_name, "new");
-}
-
-TEST(Appsrvctl, InvalidNamesAreRefusedWithoutAsking) {
-  FakeDaemon daemon([](socket_record* sock, const Request&) { reply_empty(sock); });
-  ASSERT_TRUE(daemon.listening());
-  std::string prefix = "appsrvctl: " + address_of(daemon) + ": ";
-  Outcome del = run(with_address(daemon, {"delete", "tab\there"}));
-  EXPECT_EQ(del.status, 1);
-  EXPECT_EQ(del.err, prefix + "delete 'tab\\x09here': invalid name\n");
-  Outcome ren = run(with_address(daemon, {"rename", "ok", std::string(1024, 'n')}));
-  EXPECT_EQ(ren.status, 1);
-  EXPECT_NE(ren.err.find("invalid new name"), std::string::npos) << ren.err;
-  EXPECT_TRUE(daemon.requests().empty());
-}
-
-TEST(Appsrvctl, UploadRefusesATakenNameBeforeSendingTheImage) {
-  FakeDaemon daemon([](socket_record* sock, const Request&) { reply_names(sock, {"app", "other"}); });
-  ASSERT_TRUE(daemon.listening());
-  std::string image = temporary_file("image bytes");
-  Outcome result = run(with_address(daemon, {"upload", "app", image}));
-  unlink(image.c_str());
-  EXPECT_EQ(result.status, 4);
-  EXPECT_EQ(result.err, "appsrvctl: " + address_of(daemon) + ": upload 'app': duplicate name\n");
-  ASSERT_EQ(daemon.requests().size(), 1u) << "nothing but the list request";
-  EXPECT_EQ(daemon.requests()[0].tag, kList);
-}
-
-TEST(Appsrvctl, UploadStreamsALargeImageAndReportsTheStacksAnswer) {
-  // Well beyond the socket buffers, so the client must keep streaming.
-  std::string contents(24u << 20, '\0');
-  for (size_t i = 0; i < contents.size(); ++i) contents[i] = static_cast<char>((i * 2654435761u) >> 13);
-  std::string image = temporary_file(contents);
-  std::string received;
-  FakeDaemon daemon([&](socket_record* sock, const Request& request) {
-    if (request.tag == kList) return reply_names(sock, {"other"});
-    received = read_bytes(sock, static_cast<uint64_t>(request.image_size));
-    reply_empty(sock);
+TEST(Appsrvctl, OutcomesEndWithTheirStatusAndForceForgivesAnUnknownName) {
+  check({
+      {{{kEmpty}}, {"delete"}, {}, 2, "",
+       "appsrvctl: missing arguments for delete\nusage: appsrvctl delete [--force] NAME\n", ""},
+      {{{kFailure, {"unknown name"}}}, {"delete", "gone"}, {}, 3, "", "@delete 'gone': unknown name\n", "delete gone"},
+      {{{kFailure, {"unknown name"}}}, {"rm", "--force", "gone"}, {}, 0, "", "@delete 'gone': already gone\n",
+       "delete gone"},
+      {{{kEmpty}}, {"delete", "app"}, {}, 0, "", "@delete 'app': deleted\n", "delete app"},
+      {{{kEmpty}}, {"delete", "tab\there"}, {}, 1, "", "@delete 'tab\\x09here': invalid name\n", ""},
+      {{{kFailure, {"spawn child"}}}, {"select", "x"}, {}, 1, "", "@select 'x': spawn child\n", "select x"},
+      {{{kFailure, {"duplicate name"}}}, {"rename", "dup", "b"}, {}, 4, "", "@rename 'dup' to 'b': duplicate name\n",
+       "rename dup b"},
+      {{{kEmpty}}, {"rename", "ok", std::string(1024, 'n')}, {}, 1, "",
+       "@rename 'ok' to '" + std::string(1024, 'n') + "': invalid new name\n", ""},
+      // The renamed stack takes the connection over; nothing is sent to it.
+      {{{kUpgrade}}, {"rename", "old", "new"}, {"must not be sent\n"}, 0, "", "@rename 'old' to 'new': renamed\n",
+       "rename old new"},
   });
-  ASSERT_TRUE(daemon.listening());
-  Outcome result = run(with_address(daemon, {"upload", "app", image}));
-  unlink(image.c_str());
-  EXPECT_EQ(result.status, 0) << result.err;
-  EXPECT_EQ(result.err, "appsrvctl: " + address_of(daemon) + ": upload 'app': deployed (24.0 MiB)\n");
-  auto requests = daemon.requests();
-  ASSERT_EQ(requests.size(), 2u);
-  EXPECT_EQ(requests[1].tag, kUpload);
-  EXPECT_EQ(requests[1].name, "app");
-  EXPECT_EQ(requests[1].image_size, static_cast<int64_t>(contents.size()));
-  EXPECT_TRUE(received == contents) << "received " << received.size() << " bytes";
-}
-
-TEST(Appsrvctl, UploadShowsProgressOnlyOnATerminalThatAllowsIt) {
-  std::string image = temporary_file(std::string(3u << 20, 'p'));
-  FakeDaemon daemon([](socket_record* sock, const Request& request) {
-    if (request.tag == kList) return reply_names(sock, {});
-    read_bytes(sock, static_cast<uint64_t>(request.image_size));
-    reply_empty(sock);
-  });
-  ASSERT_TRUE(daemon.listening());
-  Outcome shown = run(with_address(daemon, {"upload", "app", image}), with_variables({"TERM=xterm"}, 2));
-  Outcome plain = run(with_address(daemon, {"upload", "app", image}), with_variables({"NO_COLOR=1"}, 2));
-  unlink(image.c_str());
-  EXPECT_EQ(shown.status, 0) << shown.err;
-  size_t full = shown.err.find("\r  3.0 MiB / 3.0 MiB  100%");
-  size_t report = shown.err.find("\r\nappsrvctl: ");
-  ASSERT_NE(full, std::string::npos) << shown.err;
-  EXPECT_GT(report, full) << "the bar ends its line before the report: " << shown.err;
-  EXPECT_EQ(shown.err.find('\n'), report + 1);
-  EXPECT_EQ(plain.status, 0) << plain.err;
-  EXPECT_EQ(plain.err, "appsrvctl: " + address_of(daemon) + ": upload 'app': deployed (3.0 MiB)\r\n");
-}
-
-TEST(Appsrvctl, UploadTakesAnEarlyRefusalWhileStreaming) {
-  std::string image = temporary_file(std::string(16u << 20, 'x'));
-  FakeDaemon daemon([](socket_record* sock, const Request& request) {
-    if (request.tag == kList) return reply_names(sock, {});
-    // Refuses at once and leaves the image unread, as a daemon that will not
-    // hold it does; the close then resets the client's side.
-    reply_failure(sock, "image too large");
-    usleep(200000);
-  });
-  ASSERT_TRUE(daemon.listening());
-  Outcome result = run(with_address(daemon, {"upload", "big", image}));
-  unlink(image.c_str());
-  EXPECT_EQ(result.status, 1);
-  EXPECT_EQ(result.err, "appsrvctl: " + address_of(daemon) + ": upload 'big': image too large\n");
-}
-
-TEST(Appsrvctl, UploadWithoutAnAnswerIsUnreachable) {
-  std::string image = temporary_file("tiny image");
-  FakeDaemon daemon([](socket_record* sock, const Request& request) {
-    if (request.tag == kList) return reply_names(sock, {});
-    read_bytes(sock, static_cast<uint64_t>(request.image_size));
-  });
-  ASSERT_TRUE(daemon.listening());
-  Outcome result = run(with_address(daemon, {"upload", "app", image}));
-  unlink(image.c_str());
-  EXPECT_EQ(result.status, 5);
-  EXPECT_EQ(result.err, "appsrvctl: " + address_of(daemon) + ": upload 'app': connection closed without a reply\n");
-}
-
-TEST(Appsrvctl, SelectJoinsStandardInputAndOutputToTheStack) {
-  FakeDaemon daemon([](socket_record* sock, const Request& request) {
-    if (request.name != "app") return reply_failure(sock, "unknown name");
-    reply_upgrade(sock);
-    // The application reads to the end of its input, then answers.
-    // socket_raw_recv closes the socket at the end of the input, so the
-    // half-closed connection is read with plain recv here.
-    std::string input;
-    char buffer[256];
-    ssize_t got;
-    while ((got = recv(sock->descriptor, buffer, sizeof buffer, 0)) > 0) input.append(buffer, static_cast<size_t>(got));
-    std::string answer = "got " + std::to_string(input.size()) + ": " + input;
-    uint64_t size = answer.size();
-    EXPECT_EQ(socket_raw_send(sock, answer.data(), &size), 0);
-  });
-  ASSERT_TRUE(daemon.listening());
-  Outcome result = run(with_address(daemon, {"attach", "app"}), with_input("hello\nworld\n"));
-  EXPECT_EQ(result.status, 0) << result.err;
-  EXPECT_EQ(result.out, "got 12: hello\nworld\n");
-  EXPECT_EQ(result.err, "");
-}
-
-TEST(Appsrvctl, SelectAsksOnceMoreWhileTheStackIsResurrected) {
-  int answered = 0;
-  FakeDaemon daemon([&](socket_record* sock, const Request&) {
-    if (answered++ < 2) return reply_failure(sock, "resurrecting dead stack");
-    reply_upgrade(sock);
-  });
-  ASSERT_TRUE(daemon.listening());
-  Outcome first = run(with_address(daemon, {"select", "app"}));
-  EXPECT_EQ(first.status, 1) << "asked twice, resurrecting both times";
-  EXPECT_EQ(daemon.requests().size(), 2u);
-  Outcome second = run(with_address(daemon, {"select", "app"}));
-  EXPECT_EQ(second.status, 0) << second.err;
-  EXPECT_EQ(daemon.requests().size(), 3u) << "the stack is running now: one request";
-}
-
-TEST(Appsrvctl, UnreachableAndSilentDaemonsEndWithStatusFive) {
-  int probe = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  socklen_t length = sizeof address;
-  ASSERT_EQ(bind(probe, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
-  getsockname(probe, reinterpret_cast<sockaddr*>(&address), &length);
-  close(probe);  // the port is now free and nobody listens on it
-  std::string closed = "127.0.0.1:" + std::to_string(ntohs(address.sin_port));
-  Outcome refused = run({"--address", closed, "ls"});
-  EXPECT_EQ(refused.status, 5);
-  EXPECT_EQ(refused.err, "appsrvctl: " + closed + ": list: cannot connect: Connection refused\n");
-
-  FakeDaemon silent([](socket_record*, const Request&) { usleep(1500000); });
-  ASSERT_TRUE(silent.listening());
-  Outcome timed_out = run(with_address(silent, {"--timeout", "0.3", "ls"}));
-  EXPECT_EQ(timed_out.status, 5);
-  EXPECT_EQ(timed_out.err, "appsrvctl: " + address_of(silent) + ": list: timed out after 0.3 s waiting for a reply\n");
-  EXPECT_LT(timed_out.elapsed_ms, 1400) << "gave up before the daemon closed";
-}
-
-TEST(Appsrvctl, ConnectingGivesUpAfterTheTimeout) {
-  // A listener whose queue is full drops further connection attempts, so
-  // the client's connect would wait for the kernel's retries.
-  int listener = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  socklen_t length = sizeof address;
-  ASSERT_EQ(bind(listener, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
-  ASSERT_EQ(listen(listener, 0), 0);
-  getsockname(listener, reinterpret_cast<sockaddr*>(&address), &length);
-  std::vector<int> fillers;
-  for (int i = 0; i < 2; ++i) {
-    int filler = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-    connect(filler, reinterpret_cast<sockaddr*>(&address), sizeof address);
-    fillers.push_back(filler);
-  }
-  usleep(50000);
-  std::string target = "127.0.0.1:" + std::to_string(ntohs(address.sin_port));
-  Outcome result = run({"--timeout", "0.5", "--address", target, "ls"});
-  for (int filler : fillers) close(filler);
-  close(listener);
-  EXPECT_EQ(result.status, 5);
-  EXPECT_EQ(result.err, "appsrvctl: " + target + ": list: timed out connecting after 0.5 s\n");
-  EXPECT_LT(result.elapsed_ms, 1500);
-}
-
-TEST(Appsrvctl, UsageErrorsEndWithStatusTwoAndAUsageLine) {
-  Outcome missing = run({"delete"});
-  EXPECT_EQ(missing.status, 2);
-  EXPECT_EQ(missing.out, "");
-  EXPECT_EQ(missing.err, "appsrvctl: missing arguments for delete\nusage: appsrvctl delete [--force] NAME\n");
   Outcome help = run({"rm", "--help"});
   EXPECT_EQ(help.status, 0);
   EXPECT_EQ(help.out.rfind("usage: appsrvctl delete [--force] NAME\n", 0), 0u) << help.out;
+}
+
+TEST(Appsrvctl, UploadChecksTheNameFirstThenStreamsTheImageAndTakesAnEarlyRefusal) {
+  check({
+      {{{kEmpty}}, {"upload", "a\nb", "IMAGE"}, {}, 1, "", "@upload 'a\\x0ab': invalid name\n", ""},
+      {{{kNames, {"app", "other"}}}, {"upload", "app", "IMAGE"}, {}, 4, "", "@upload 'app': duplicate name\n", "list"},
+      {{{kNames, {"other"}}, {kEmpty}}, {"upload", "app", "BIG"}, {}, 0, "", "@upload 'app': deployed (16.0 MiB)\n",
+       "list; upload app"},
+      // Refused while the image is still going out.
+      {{{kNames, {}}, {kFailure, {"image too large"}}}, {"upload", "big", "BIG"}, {}, 1, "",
+       "@upload 'big': image too large\n", "list; upload big"},
+      {{{kNames, {}}, {kNothing}}, {"upload", "app", "IMAGE"}, {}, 5, "",
+       "@upload 'app': connection closed without a reply\n", "list; upload app"},
+  });
+}
+
+TEST(Appsrvctl, SelectJoinsStdinAndStdoutAndAsksOnceMoreWhileTheStackIsResurrected) {
+  Reply resurrecting{kFailure, {"resurrecting dead stack"}};
+  check({
+      {{{kUpgrade}}, {"attach", "app"}, {"hello\nworld\n"}, 0, "got 12: hello\nworld\n", "", "select app"},
+      {{resurrecting, {kUpgrade}}, {"select", "app"}, {}, 0, "got 0: ",
+       "@select 'app': resurrecting dead stack, asking again\n", "select app; select app"},
+      {{resurrecting}, {"select", "app"}, {}, 1, "",
+       "@select 'app': resurrecting dead stack, asking again\n@select 'app': resurrecting dead stack\n",
+       "select app; select app"},
+  });
+}
+
+TEST(Appsrvctl, AddressComesFromTheFlagThenTheEnvironmentWithIpv6InBrackets) {
+  // Every other scenario finds the daemon through the environment.
+  check({{{{kNames, {"only"}}}, {"ls", "--address", "ADDRESS"}, {"", 0, {{"APPSRV_ADDRESS", "127.0.0.1:1"}}}, 0,
+          "only\n", "", "list"}});
+  FakeDaemon six({{kNames, {"six"}}}, nullptr, "::1");
+  if (six.port == 0) GTEST_SKIP() << "no IPv6 loopback here";
+  EXPECT_EQ(run({"--address", "[::1]:" + std::to_string(six.port), "ls"}).out, "six\n");
+}
+
+TEST(Appsrvctl, UploadShowsProgressOnlyOnATerminalWithoutNoColor) {
+  TempFile image(std::string(3u << 20, 'p'));
+  FakeDaemon daemon({{kNames, {}}, {kEmpty}});
+  ASSERT_NE(daemon.port, 0);
+  std::vector<std::string> upload = {"--address", daemon.address(), "upload", "app", image.path};
+  Outcome shown = run(upload, {"", 2, {{"TERM", "xterm"}}});
+  Outcome plain = run(upload, {"", 2, {{"NO_COLOR", "1"}}});
+  // Redrawn in place up to the full bar, which ends its line before the report.
+  EXPECT_TRUE(std::regex_match(shown.err, std::regex(R"((\r  [^\r\n]*)*\r  3\.0 MiB / 3\.0 MiB  100%[^\r\n]*\r\n)"
+                                                     R"(appsrvctl: [^\r\n]*deployed \(3\.0 MiB\)\r\n)")))
+      << shown.err;
+  EXPECT_EQ(plain.err, "appsrvctl: " + daemon.address() + ": upload 'app': deployed (3.0 MiB)\r\n");
+  EXPECT_EQ(shown.status + plain.status, 0);
+}
+
+TEST(Appsrvctl, UnreachableOrSilentDaemonsEndWithStatusFiveWithinTheTimeout) {
+  check({{{{kNothing}}, {"--timeout", "0.2", "ls"}, {}, 5, "", "@list: timed out after 0.2 s waiting for a reply\n",
+          "list"}});
+  std::string gone = FakeDaemon({Reply(kEmpty)}).address();
+  Outcome refused = run({"--address", gone, "ls"});
+  EXPECT_EQ(refused.status, 5);
+  EXPECT_EQ(refused.err, "appsrvctl: " + gone + ": list: cannot connect: Connection refused\n");
+
+  // A listener with a full queue drops further connection attempts, so
+  // connect would wait for the kernel's retries.
+  int listener = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  sockaddr_in address{AF_INET, 0, {htonl(INADDR_LOOPBACK)}, {}};
+  socklen_t length = sizeof address;
+  auto* raw = reinterpret_cast<sockaddr*>(&address);
+  ASSERT_TRUE(bind(listener, raw, length) == 0 && listen(listener, 0) == 0 && getsockname(listener, raw, &length) == 0);
+  int fillers[2];
+  for (int& filler : fillers)
+    connect(filler = socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0), raw, length);
+  usleep(50000);
+  std::string target = "127.0.0.1:" + std::to_string(ntohs(address.sin_port));
+  int64_t started = runtime_getclock();
+  Outcome full = run({"--timeout", "0.5", "--address", target, "ls"});
+  for (int fd : {fillers[0], fillers[1], listener}) close(fd);
+  EXPECT_EQ(full.status, 5);
+  EXPECT_EQ(full.err, "appsrvctl: " + target + ": list: timed out connecting after 0.5 s\n");
+  EXPECT_LT(runtime_getclock() - started, 1500);
 }
 
 }  // namespace
