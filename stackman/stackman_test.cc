@@ -15,7 +15,6 @@
 #include <sys/un.h>
 #include <unistd.h>
 
-#include "base/hash.h"
 #include "base/runtime.h"
 #include "stackman/internal.h"
 
@@ -35,9 +34,10 @@ std::string read_file(const std::string& path) {
   return in ? std::string(std::istreambuf_iterator<char>(in), {}) : "<missing>";
 }
 
-std::string output_of(const std::string& command) {
+// Every path under the two roots, sorted.
+std::string tree() {
   std::string text;
-  FILE* pipe = popen(command.c_str(), "r");
+  FILE* pipe = popen("find data stacks 2>/dev/null | sort", "r");
   for (int c; (c = fgetc(pipe)) != EOF;) text += static_cast<char>(c);
   pclose(pipe);
   return text;
@@ -141,8 +141,7 @@ class StackmanTest : public testing::Test {
   // the connection closed on exec; `file_limit` bounds the files it may write.
   static void expect_failed_deploy(const char* error, const std::string& name = "app",
                                    const std::string& image = "img", rlim_t file_limit = RLIM_INFINITY) {
-    const char* tree = "find data stacks 2>/dev/null | sort";
-    const std::string before = output_of(tree);
+    const std::string before = tree();
     stackman_stack* existing = stackman_get(name.c_str());
     Connection connection;
     rlimit saved{}, limited{};
@@ -154,7 +153,7 @@ class StackmanTest : public testing::Test {
     setrlimit(RLIMIT_FSIZE, &saved);
     signal(SIGXFSZ, handler);
     EXPECT_STREQ(stackman_strerror(), error);
-    EXPECT_EQ(output_of(tree), before) << "nothing it made is left, nothing it found is removed";
+    EXPECT_EQ(tree(), before) << "nothing it made is left, nothing it found is removed";
     EXPECT_EQ(stackman_get(name.c_str()), existing);
     EXPECT_TRUE(connection.close_on_exec());
   }
@@ -177,30 +176,28 @@ TEST(StackNames, ValidationRules) {
 }
 
 TEST_F(StackmanDeathTest, EveryStartupCheckEndsTheProcessWithItsMessage) {
-  const std::string store = "data/" + key_of('1') + "/serv", lost = "Fatal error: unable to recover state from file-system, ";
-  struct Case {
-    std::string setup, socket, message, stacks = "./stacks";
-  };
+  const std::string lost = "Fatal error: unable to recover state from file-system, ";
+  struct Case { std::string setup, socket, message, stacks = "./stacks"; };
   const Case cases[] = {
       {"rmdir data", "", "Error: directory './data' is missing"},
       {"touch stacks", "", "Error: './stacks' is a file, but must be a directory"},
       {"", "stacks", "Error: './stacks' is a socket, but must be a directory"},
       {"mkfifo stacks", "", "Error: './stacks' is not a directory"},
       {"mkdir -p private/node/busy", "", "Unable to open os-node socket: Address already in use"},
-      {"mkdir -p " + store, "", lost + "name-tag missing"},
+      // $S and $T: the serv directories of two stores.
+      {"mkdir -p $S", "", lost + "name-tag missing"},
       // A socket passes the existence test but cannot be opened, even by root.
-      {"mkdir -p " + store, store + "/name", lost + "load-name"},
-      {"mkdir -p " + store + " && touch " + store + "/name", "", lost + "set-name"},
-      {"mkdir -p " + store + " data/" + key_of('2') + "/serv && for d in data/*/serv; do printf twin > $d/name; done",
-       "", lost + "set-name"},
+      {"mkdir -p $S", "data/" + key_of('1') + "/serv/name", lost + "load-name"},
+      {"mkdir -p $S && touch $S/name", "", lost + "set-name"},
+      {"mkdir -p $S $T && printf twin > $S/name && printf twin > $T/name", "", lost + "set-name"},
       // The os-worker address of a stack under a long stacks root does not fit.
-      {"mkdir -p " + store + " && touch " + store + "/name", "", "Invalid unix socket path: File name too long",
+      {"mkdir -p $S && touch $S/name", "", "Invalid unix socket path: File name too long",
        "./stacks-under-a-root-whose-name-is-long"},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.message);
     fresh_layout();
-    if (!c.setup.empty()) shell(c.setup);
+    shell("S=data/" + key_of('1') + "/serv T=data/" + key_of('2') + "/serv; " + c.setup);
     if (!c.socket.empty()) bind_socket_file(c.socket);
     EXPECT_EXIT(stackman_open("./runenv", c.stacks.c_str(), "./data"), testing::ExitedWithCode(1),
                 "^\\[[0-9]+\\] " + c.message + "\n$");
@@ -215,8 +212,7 @@ TEST_F(StackmanTest, RecoveryStartsDeployedStoresAndDestroysTheOthers) {
   shell("mkdir -p stacks/" + a + " && touch stacks/" + a + "/old data/.hidden");
   open_manager();
   stackman_stack* alpha = stackman_get("alpha");
-  ASSERT_NE(alpha, nullptr);
-  ASSERT_NE(stackman_get("beta"), nullptr);
+  ASSERT_TRUE(alpha != nullptr && stackman_get("beta") != nullptr);
   EXPECT_EQ(alpha->state, STACKMAN_RUNNING);
   EXPECT_EQ(stackman_get("beta")->state, STACKMAN_UNDEPLOYED);
   EXPECT_EQ(stackman_is_running(), 1u);
@@ -224,8 +220,7 @@ TEST_F(StackmanTest, RecoveryStartsDeployedStoresAndDestroysTheOthers) {
   EXPECT_FALSE(exists("stacks/" + a + "/old")) << "the stack path is emptied before the start";
   EXPECT_FALSE(exists("stacks/" + b));
 
-  // Its own group's leader, the stack argument vector, and nothing inherited
-  // but the standard three descriptors.
+  // Its own group's leader, the argument vector, only descriptors 0 1 2.
   ASSERT_TRUE(logged(a, "ready"));
   const std::string pid = std::to_string(alpha->job->pid);
   EXPECT_EQ(log_of(a), "start pid=" + pid + " pgid=" + pid + "\nargs ./stacks/" + a + "|alpha|./runenv|./data/" + a +
@@ -285,6 +280,7 @@ TEST_F(StackmanTest, DeploymentStoresTheStackAndHandsItTheConnection) {
   stackman_stack* empty = stackman_stack_allocate("empty", "", 0, &second.record);
   ASSERT_NE(empty, nullptr);
   EXPECT_EQ(read_file(std::string("data/") + empty->key + "/serv/image"), "");
+  EXPECT_STRNE(empty->key, stack->key);
   expect_failed_deploy("`key` not unique");
 }
 
@@ -302,35 +298,26 @@ TEST_F(StackmanTest, FailedDeploymentsLeaveNothingBehindAndRemoveNothingTheyFoun
   expect_failed_deploy("store image", "app", std::string(5000, 'i'), 100);
   expect_failed_deploy("store name-tag", std::string(200, 'n'), "img", 100);
 
-  // A colliding directory: the key of "app" with "img" is predicted within a
-  // second, the next rand() being that of srand(7).
+  // A colliding directory: a deployment of the same name and image within
+  // the same second and after the same srand() has the same key.
   for (const std::string& root : {std::string("data/"), std::string("stacks/")}) {
     for (time_t now = time(nullptr); time(nullptr) == now;) usleep(1000);
+    Connection connection;
     srand(7);
-    int random_value = rand();
+    stackman_stack* probe = stackman_stack_allocate("app", "img", 3, &connection.record);
+    ASSERT_NE(probe, nullptr);
+    const std::string taken = root + probe->key;
+    stackman_stack_destroy(probe);
     srand(7);
-    time_t now = time(nullptr);
-    hash_context context;
-    hash_open(&context, HASH_SHA256);
-    hash_write(&context, &now, sizeof now);
-    hash_write(&context, "appimg", 6);
-    hash_write(&context, &random_value, sizeof random_value);
-    uint8_t digest[32];
-    char key[65];
-    hash_close(&context, digest);
-    hash_maphex(HASH_SHA256, digest, key);
-    shell("mkdir -p " + root + key + " && touch " + root + key + "/keep");
+    shell("mkdir -p " + taken + " && touch " + taken + "/keep");
     expect_failed_deploy(root == "data/" ? "mkdir store path" : "mkdir stack path");
-    shell("rm -rf " + root + key);
+    shell("rm -rf " + taken);
   }
 }
 
 TEST_F(StackmanTest, SupervisionReportsEndedJobsAndSettlesTheirStacks) {
-  struct Case {
-    const char *name, *directives, *wait;
-    bool stop;
-    std::string report;  // after "Error: stack '{key}'[{name}] "
-  };
+  // `report` follows "Error: stack '{key}'[{name}] " on the standard error.
+  struct Case { const char *name, *directives, *wait; bool stop; std::string report; };
   const Case cases[] = {
       // A deployment that never completed (no marker) goes.
       {"killed", "signal 9", "fds", false, "unexpected exit, " + std::string(strsignal(9)) + " (9)"},
