@@ -116,9 +116,11 @@ class StackmanTest : public testing::Test {
   }
   static void open_manager() { stackman_open("./runenv", "./stacks", "./data"); }
   static void behave(const std::string& name, const std::string& how) { write_file("runenv/test-control/" + name, how); }
-  static void make_store(const std::string& key, const std::string& name, bool deployed) {
+  // A store as a deployment leaves it, and what its stack is told to do.
+  static void make_store(const std::string& key, const std::string& name, bool deployed, const std::string& how = "") {
     shell("mkdir -p data/" + key + "/serv" + (deployed ? " && touch data/" + key + "/serv/deployed" : ""));
     write_file("data/" + key + "/serv/name", name);
+    behave(name, how);
   }
   static std::string log_of(const std::string& key) { return read_file("runenv/test-log/" + key + ".log"); }
   static bool logged(const std::string& key, const std::string& text) {
@@ -353,10 +355,8 @@ TEST_F(StackmanTest, SupervisionReportsEndedJobsAndSettlesTheirStacks) {
 
 TEST_F(StackmanTest, DestroyAndKilljobEndTheWholeGroup) {
   const std::string doomed = key_of('1'), stubborn = key_of('3');
-  make_store(doomed, "doomed", true);
-  make_store(stubborn, "stubborn", true);
-  behave("doomed", "grandchild");
-  behave("stubborn", "ignore-term\ngrandchild-ignore-term");
+  make_store(doomed, "doomed", true, "grandchild");
+  make_store(stubborn, "stubborn", true, "ignore-term\ngrandchild-ignore-term");
   open_manager();
   ASSERT_TRUE(logged(doomed, "ready") && logged(stubborn, "ready"));
   pid_t grandchild = grandchild_of(doomed);
@@ -382,9 +382,8 @@ TEST_F(StackmanTest, RenameAndBroadcastTellListeningStacksAndReportTheDeaf) {
   EXPECT_EQ(stderr_of([] { stackman_broadcast(STACKMAN_SHUTDOWN); }), "");
   const std::string tag = "data/" + key_of('1') + "/serv/name";
   make_store(key_of('1'), "old", true);
-  make_store(key_of('2'), "deaf", true);
+  make_store(key_of('2'), "deaf", true, "no-bind");
   make_store(key_of('3'), "idle", true);
-  behave("deaf", "no-bind");
   open_manager();
   ASSERT_TRUE(logged(key_of('1'), "ready") && logged(key_of('2'), "fds"));
   stackman_stack* stack = stackman_get("old");
