@@ -4,16 +4,19 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <csignal>
 #include <cstring>
 #include <fcntl.h>
 #include <filesystem>
 #include <fstream>
 #include <functional>
+#include <string>
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
+#include <vector>
 
 #include "base/runtime.h"
 #include "stackman/internal.h"
@@ -282,6 +285,7 @@ TEST_F(StackmanTest, DeploymentStoresTheStackAndHandsItTheConnection) {
   ASSERT_NE(empty, nullptr);
   EXPECT_EQ(read_file(std::string("data/") + empty->key + "/serv/image"), "");
   EXPECT_STRNE(empty->key, stack->key);
+  ASSERT_TRUE(logged(empty->key, "ready")) << "the disk is still before the next deployment";
   expect_failed_deploy("`key` not unique");
 }
 
