@@ -95,7 +95,6 @@ Connection::Connection(uint16_t port, int timeout_seconds) {
 }
 
 Connection::~Connection() { close_now(); }
-
 void Connection::close_now() {
   if (fd_ >= 0) ::close(fd_);
   fd_ = -1;
@@ -180,6 +179,26 @@ Reply ask(uint16_t port, const std::string& request_payload, int timeout_seconds
   Connection connection(port, timeout_seconds);
   if (!connection.connected() || !connection.send(frame(request_payload))) return Reply{};
   return connection.reply();
+}
+
+std::string outcome(uint16_t port, const std::string& request_payload, int timeout_seconds) {
+  Reply reply = ask(port, request_payload, timeout_seconds);
+  return reply.status == "failure" ? "failure: " + reply.reason : reply.status;
+}
+
+std::vector<std::string> list(uint16_t port) {
+  Reply reply = ask(port, encode_list());
+  return reply.has_names ? reply.names : std::vector<std::string>{"<no reply>"};
+}
+
+std::string greeting(uint16_t port, const std::string& bytes, int timeout_seconds) {
+  Connection connection(port, timeout_seconds);
+  if (!connection.connected() || !connection.send(bytes)) return "";
+  return connection.line();
+}
+
+std::string upload_bytes(const std::string& name, const std::string& image) {
+  return frame(encode_upload(name, static_cast<int64_t>(image.size()))) + image;
 }
 
 }  // namespace e2e

@@ -49,5 +49,13 @@ class Connection {
 
 // One request, one reply.
 Reply ask(uint16_t port, const std::string& request_payload, int timeout_seconds = 10);
+// "success", "failure: <reason>", "upgrade", or "" when no reply came.
+std::string outcome(uint16_t port, const std::string& request_payload, int timeout_seconds = 10);
+// The daemon's list, or a single "<no reply>" entry when no list came back.
+std::vector<std::string> list(uint16_t port);
+// Sends `bytes` and reads the line a stack answers with ("" when none came).
+std::string greeting(uint16_t port, const std::string& bytes, int timeout_seconds = 10);
+// An upload request framed and followed by its image.
+std::string upload_bytes(const std::string& name, const std::string& image);
 
 }  // namespace e2e

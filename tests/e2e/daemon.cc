@@ -1,13 +1,16 @@
 #include "tests/e2e/daemon.h"
 
+#include <algorithm>
 #include <arpa/inet.h>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
+#include <ctime>
 #include <dirent.h>
 #include <fcntl.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -32,6 +35,44 @@ void write_file(const std::string& path, const std::string& contents) {
   fclose(f);
 }
 
+bool exists(const std::string& path) {
+  struct stat info;
+  return lstat(path.c_str(), &info) == 0;
+}
+
+Names entries(const std::string& directory) {
+  Names names;
+  DIR* listing = opendir(directory.c_str());
+  if (listing == nullptr) return names;
+  while (dirent* entry = readdir(listing)) {
+    std::string name = entry->d_name;
+    if (name != "." && name != "..") names.push_back(name);
+  }
+  closedir(listing);
+  std::sort(names.begin(), names.end());
+  return names;
+}
+
+void make_tree(const std::string& path) {
+  if (system(("mkdir -p '" + path + "'").c_str()) != 0) abort();
+}
+
+bool contains(const std::string& text, const std::string& part) { return text.find(part) != std::string::npos; }
+
+bool eventually(const std::function<bool()>& condition, int milliseconds) {
+  for (int waited = 0; waited < milliseconds; waited += 10) {
+    if (condition()) return true;
+    usleep(10000);
+  }
+  return condition();
+}
+
+int64_t now_ms() {
+  timespec now;
+  clock_gettime(CLOCK_MONOTONIC, &now);
+  return int64_t{now.tv_sec} * 1000 + now.tv_nsec / 1000000;
+}
+
 uint16_t free_port() {
   int fd = socket(AF_INET, SOCK_STREAM, 0);
   sockaddr_in address{};
@@ -44,20 +85,11 @@ uint16_t free_port() {
   return ntohs(address.sin_port);
 }
 
-bool eventually(bool (*condition)(void*), void* context, int milliseconds) {
-  for (int waited = 0; waited < milliseconds; waited += 10) {
-    if (condition(context)) return true;
-    usleep(10000);
-  }
-  return condition(context);
-}
-
 Daemon::Daemon(const char* bootstrap) {
   char pattern[] = "/tmp/appsrv-e2e-XXXXXX";
   if (mkdtemp(pattern) == nullptr) abort();
   dir_ = pattern;
-  std::string setup = "mkdir -p '" + dir_ + "/runenv/image' '" + dir_ + "/runenv/test-control' '" + dir_ + "/data'";
-  if (system(setup.c_str()) != 0) abort();
+  for (const char* directory : {"runenv/image", "runenv/test-control", "data"}) make_tree(path(directory));
   if (symlink(bootstrap, path("runenv/image/application-server-bootstrap").c_str()) != 0) abort();
 }
 
@@ -78,46 +110,33 @@ bool Daemon::start() {
   return start_with("127.0.0.1", std::to_string(port_));
 }
 
+bool Daemon::reaped() {
+  int status;
+  if (waitpid(pid_, &status, WNOHANG) != pid_) return false;
+  pid_ = -1;
+  exit_status_ = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+  return true;
+}
+
 bool Daemon::start_with(const std::string& host, const std::string& port) {
   pid_ = fork();
   if (pid_ == 0) {
     if (chdir(dir_.c_str()) != 0) _exit(127);
-    int out = open("appsrv.out", O_WRONLY | O_CREAT | O_TRUNC, 0644);
-    int err = open("appsrv.err", O_WRONLY | O_CREAT | O_TRUNC, 0644);
-    dup2(out, 1);
-    dup2(err, 2);
-    close(out);
-    close(err);
+    dup2(open("appsrv.out", O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644), 1);
+    dup2(open("appsrv.err", O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644), 2);
     execl(APPSRV_BINARY, APPSRV_BINARY, host.c_str(), port.c_str(), static_cast<char*>(nullptr));
     _exit(127);
   }
-  for (int waited = 0; waited < start_wait_; waited += 10) {
-    int status;
-    if (waitpid(pid_, &status, WNOHANG) == pid_) {
-      pid_ = -1;
-      exit_status_ = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-      return false;
-    }
-    Connection probe(port_);
-    if (probe.connected()) {
-      // The probe closes without a request; the daemon drops it silently.
-      return true;
-    }
-    usleep(10000);
-  }
+  // The probe closes without a request; the daemon drops it silently.
+  for (int waited = 0; waited < start_wait_; waited += 10, usleep(10000))
+    if (reaped()) return false;
+    else if (Connection(port_).connected()) return true;
   return false;
 }
 
 int Daemon::wait_exit(int milliseconds) {
-  for (int waited = 0; waited <= milliseconds; waited += 10) {
-    int status;
-    if (waitpid(pid_, &status, WNOHANG) == pid_) {
-      pid_ = -1;
-      exit_status_ = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-      return exit_status_;
-    }
-    usleep(10000);
-  }
+  for (int waited = 0; waited <= milliseconds; waited += 10, usleep(10000))
+    if (reaped()) return exit_status_;
   return -1;
 }
 
@@ -128,19 +147,25 @@ void Daemon::behave(const std::string& name, const std::string& directives) {
 }
 
 std::string Daemon::key_of(const std::string& name) {
-  DIR* data = opendir(path("data").c_str());
-  if (data == nullptr) return "";
-  std::string found;
-  while (dirent* entry = readdir(data)) {
-    if (entry->d_name[0] == '.') continue;
-    if (read_file(path("data/") + entry->d_name + "/serv/name") == name) found = entry->d_name;
-  }
-  closedir(data);
-  return found;
+  for (const std::string& key : entries(path("data")))
+    if (key[0] != '.' && read_file(path("data/" + key + "/serv/name")) == name) return key;
+  return "";
 }
 
 std::string Daemon::log_of_stack(const std::string& name) {
   return read_file(path("runenv/test-log/" + key_of(name) + ".log"));
+}
+
+bool Daemon::wait_ready(const std::string& name) {
+  return eventually([&] { return contains(log_of_stack(name), "ready"); });
+}
+
+std::vector<pid_t> Daemon::starts_of(const std::string& name) {
+  std::string log = log_of_stack(name);
+  std::vector<pid_t> pids;
+  for (size_t at = log.find("start pid="); at != std::string::npos; at = log.find("start pid=", at + 1))
+    pids.push_back(atoi(log.c_str() + at + 10));
+  return pids;
 }
 
 }  // namespace e2e

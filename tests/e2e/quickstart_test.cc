@@ -4,17 +4,15 @@
 
 #include <csignal>
 #include <fcntl.h>
-#include <functional>
 #include <poll.h>
 #include <string>
-#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 #include <vector>
 
 #include "tests/e2e/daemon.h"
 
-using e2e::Daemon;
+using namespace e2e;
 
 namespace {
 
@@ -40,24 +38,17 @@ Outcome appsrvctl(const Daemon& daemon, const std::vector<std::string>& argument
     execv(APPSRVCTL_BINARY, argv.data());
     _exit(127);
   }
-  close(in[0]);
-  close(out[1]);
-  close(err[1]);
+  for (int fd : {in[0], out[1], err[1]}) close(fd);
   if (!input.empty()) (void)!write(in[1], input.data(), input.size());
   close(in[1]);
   Outcome run;
   pollfd fds[2] = {{out[0], POLLIN, 0}, {err[0], POLLIN, 0}};
   for (int open = 2; open > 0 && poll(fds, 2, 20000) > 0;) {
     for (int i = 0; i < 2; ++i) {
-      if (fds[i].revents == 0) continue;
       char chunk[4096];
-      ssize_t got = read(fds[i].fd, chunk, sizeof chunk);
-      if (got <= 0) {
-        fds[i].fd = -1;
-        --open;
-      } else {
-        (i == 0 ? run.out : run.err).append(chunk, static_cast<size_t>(got));
-      }
+      ssize_t got = fds[i].revents == 0 ? -2 : read(fds[i].fd, chunk, sizeof chunk);
+      if (got > 0) (i == 0 ? run.out : run.err).append(chunk, static_cast<size_t>(got));
+      else if (got != -2) fds[i].fd = -1, --open;
     }
   }
   close(out[0]);
@@ -67,16 +58,6 @@ Outcome appsrvctl(const Daemon& daemon, const std::vector<std::string>& argument
   run.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
   return run;
 }
-
-bool eventually(const std::function<bool()>& condition, int milliseconds = 5000) {
-  for (int waited = 0; waited < milliseconds; waited += 20) {
-    if (condition()) return true;
-    usleep(20000);
-  }
-  return condition();
-}
-
-bool contains(const std::string& text, const std::string& part) { return text.find(part) != std::string::npos; }
 
 const std::string kExample = std::string(APPSRV_SOURCE_DIR) + "/examples/hello.sh";
 
@@ -98,8 +79,8 @@ TEST_F(Quickstart, UploadSelectRenameDelete) {
   EXPECT_EQ(session.out, "hello from hello\nhello: hi there\nbye\n");
 
   EXPECT_EQ(appsrvctl(daemon_, {"rename", "hello", "greeter"}).status, 0);
-  Outcome renamed = appsrvctl(daemon_, {"select", "greeter"}, "quit\n");
-  EXPECT_EQ(renamed.out, "hello from greeter\nbye\n") << "a later handler sees the new name";
+  EXPECT_EQ(appsrvctl(daemon_, {"select", "greeter"}, "quit\n").out, "hello from greeter\nbye\n")
+      << "a later handler sees the new name";
 
   EXPECT_EQ(appsrvctl(daemon_, {"delete", "greeter"}).status, 0);
   EXPECT_EQ(appsrvctl(daemon_, {"list"}).out, "");
@@ -107,9 +88,8 @@ TEST_F(Quickstart, UploadSelectRenameDelete) {
 }
 
 TEST_F(Quickstart, AnInvalidImageIsRefusedAndItsStackRemoved) {
-  std::string text = daemon_.path("notes.txt");
-  e2e::write_file(text, "just some text\n");
-  Outcome upload = appsrvctl(daemon_, {"upload", "notes", text});
+  write_file(daemon_.path("notes.txt"), "just some text\n");
+  Outcome upload = appsrvctl(daemon_, {"upload", "notes", daemon_.path("notes.txt")});
   EXPECT_EQ(upload.status, 1);
   EXPECT_TRUE(contains(upload.err, "invalid image")) << upload.err;
   // The deploying runtime exits without the deployed marker; supervision
