@@ -10,13 +10,45 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include "tests/crash/crash_util.h"
 #include "tests/e2e/client.h"
 #include "tests/e2e/daemon.h"
 
 using namespace e2e;
 
 namespace {
+
+// The state of a process ('\0' when it is gone) and its process group.
+char state_of(pid_t pid, int* group) {
+  std::string text = read_file("/proc/" + std::to_string(pid) + "/stat");
+  size_t paren = text.rfind(')');
+  char state = 0;
+  int parent = 0;
+  if (paren == std::string::npos || sscanf(text.c_str() + paren + 1, " %c %d %d", &state, &parent, group) != 3) return 0;
+  return state;
+}
+
+bool process_gone(pid_t pid) {
+  int group = 0;
+  char state = state_of(pid, &group);
+  return state == 0 || state == 'Z';
+}
+
+// The live (not zombie) processes of process group `group`.
+size_t members_of(pid_t group) {
+  size_t members = 0;
+  for (const std::string& name : entries("/proc")) {
+    int pgrp = 0;
+    char state = state_of(atoi(name.c_str()), &pgrp);
+    members += state != 0 && state != 'Z' && pgrp == group;
+  }
+  return members;
+}
+
+size_t occurrences(const std::string& text, const std::string& part) {
+  size_t count = 0;
+  for (size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + 1)) ++count;
+  return count;
+}
 
 // A child process running `child`; killed and reaped at the end of scope
 // unless it was reaped before.
@@ -41,17 +73,16 @@ TEST(Orphans, AKilledDaemonsStacksAreStoppedBeforeTheirSuccessorsStart) {
   daemon.behave("stubborn", "marker\ncount-peers\nignore-term\ngrandchild-ignore-term");
   ASSERT_TRUE(daemon.start()) << daemon.err();
   std::vector<std::string> keys;
-  std::vector<pid_t> old;
+  std::vector<pid_t> groups;
   for (const char* name : {"polite", "stubborn"}) {
     ASSERT_EQ(greeting(daemon.port(), upload_bytes(name, "p")), std::string("deployed ") + name);
     keys.push_back(daemon.key_of(name));
-    old.push_back(daemon.starts_of(name).at(0));
-    old.push_back(crash::grandchild_in(daemon.log_of_stack(name)));
-    ASSERT_GT(old.back(), 0);
+    groups.push_back(daemon.starts_of(name).at(0));
+    ASSERT_TRUE(eventually([&] { return members_of(groups.back()) == 2; }, 3000)) << "the stack and its grandchild";
   }
   daemon.signal(SIGKILL);
   ASSERT_GE(daemon.wait_exit(5000), 0);
-  for (pid_t pid : old) ASSERT_FALSE(crash::process_gone(pid));
+  for (pid_t group : groups) ASSERT_EQ(members_of(group), 2u) << "left running by the killed daemon";
   // A record whose pid now belongs to someone else (another start time), an
   // unrelated process leading its own group as a reused pid would, and one of
   // a process that is gone: neither may be signalled.
@@ -69,15 +100,13 @@ TEST(Orphans, AKilledDaemonsStacksAreStoppedBeforeTheirSuccessorsStart) {
   int64_t took = now_ms() - started;
   EXPECT_GE(took, 5000) << "the stubborn orphan gets 5 seconds after SIGTERM";
   EXPECT_LT(took, 9000);
-  for (pid_t pid : old) EXPECT_TRUE(crash::process_gone(pid)) << pid;
-  EXPECT_TRUE(crash::members_of(old[0]).empty());
-  EXPECT_TRUE(crash::members_of(old[2]).empty());
+  for (pid_t group : groups) EXPECT_EQ(members_of(group), 0u) << "the orphans and their grandchildren are gone";
 
   // The successors found no earlier instance of themselves alive.
   Names expected_records;
   for (const char* name : {"polite", "stubborn"}) {
     std::string log;
-    eventually([&] { return contains((log = daemon.log_of_stack(name)).substr(log.find("peers ") + 1), "peers "); }, 3000);
+    eventually([&] { return occurrences(log = daemon.log_of_stack(name), "peers ") == 2; }, 3000);
     ASSERT_EQ(daemon.starts_of(name).size(), 2u) << log;
     EXPECT_EQ(log.substr(log.rfind("peers ")).substr(0, 8), "peers 0\n") << log;
     expected_records.push_back("job-" + std::to_string(daemon.starts_of(name).at(1)));
@@ -88,7 +117,7 @@ TEST(Orphans, AKilledDaemonsStacksAreStoppedBeforeTheirSuccessorsStart) {
         << err;
   EXPECT_FALSE(contains(err, std::string(64, 'b'))) << err;
   EXPECT_FALSE(contains(err, std::string(64, 'c'))) << err;
-  EXPECT_FALSE(crash::process_gone(bystander.pid)) << "an unrelated process was signalled";
+  EXPECT_FALSE(process_gone(bystander.pid)) << "an unrelated process was signalled";
 
   // Old records are gone; the new jobs have theirs.
   Names records;
@@ -119,7 +148,7 @@ TEST(Orphans, ASecondDaemonInTheSameDirectoryExitsAndChangesNothing) {
   ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 1) << err;
   EXPECT_TRUE(contains(err, "] Error: working directory in use by process " + std::to_string(daemon.pid()) + "\n"))
       << err;
-  EXPECT_EQ(std::count(err.begin(), err.end(), '\n'), 1) << err;
+  EXPECT_EQ(occurrences(err, "\n"), 1u) << err;
 
   // The first daemon still serves and its node socket still reaches the stack.
   EXPECT_EQ(list(daemon.port()), (Names{"app"}));
@@ -137,24 +166,15 @@ TEST(ForcedStop, TenStubbornStacksHoldTheDaemonFiveSecondsNotFifty) {
     std::string name = "s" + std::to_string(i);
     ASSERT_EQ(greeting(daemon.port(), upload_bytes(name, "x")), "deployed " + name);
     groups.push_back(daemon.starts_of(name).at(0));
+    ASSERT_TRUE(eventually([&] { return members_of(groups[i]) == 2; }, 3000)) << name << ": the stack and its grandchild";
   }
-  for (int i = 0; i < 10; ++i) {
-    std::string name = "s" + std::to_string(i);
-    eventually([&] { return crash::grandchild_in(daemon.log_of_stack(name)) != 0; }, 3000);
-    ASSERT_EQ(crash::members_of(groups[i]).size(), 2u) << name;
-  }
-
   int64_t started = now_ms();
   daemon.signal(SIGTERM);
   ASSERT_EQ(daemon.wait_exit(12000), 0) << daemon.err();
   int64_t took = now_ms() - started;
   EXPECT_GE(took, 5000);
   EXPECT_LE(took, 8000);
-  for (pid_t group : groups) EXPECT_TRUE(eventually([&] { return crash::members_of(group).empty(); }, 3000)) << group;
+  for (pid_t group : groups) EXPECT_TRUE(eventually([&] { return members_of(group) == 0; }, 3000)) << group;
   std::string err = daemon.err();
-  size_t lines = 0;
-  for (size_t at = err.find("did not stop in time, killed\n"); at != std::string::npos;
-       at = err.find("did not stop in time, killed\n", at + 1))
-    ++lines;
-  EXPECT_EQ(lines, 10u) << err;
+  EXPECT_EQ(occurrences(err, "did not stop in time, killed\n"), 10u) << err;
 }

@@ -14,9 +14,8 @@ std::string encode_delete(const std::string& name);
 std::string encode_rename(const std::string& old_name, const std::string& new_name);
 std::string encode_select(const std::string& name);
 std::string encode_upload(const std::string& name, int64_t image_size);
-
-// One frame: the big-endian length word and the payload.
-std::string frame(const std::string& payload);
+std::string frame(const std::string& payload);  // the big-endian length word and the payload
+std::string upload_bytes(const std::string& name, const std::string& image);  // framed request, then image
 
 struct Reply {
   bool received = false;  // false: the connection closed without a frame
@@ -26,19 +25,16 @@ struct Reply {
   std::vector<std::string> names;
 };
 
-// A connection to the daemon; every read gives up after a few seconds.
+// A connection to the daemon; every read gives up after `timeout_seconds`.
 class Connection {
  public:
   explicit Connection(uint16_t port, int timeout_seconds = 10);
   ~Connection();
   bool connected() const { return fd_ >= 0; }
   bool send(const std::string& bytes);
-  // Reads one frame and parses it as a reply.
-  Reply reply();
-  // Reads raw bytes up to and excluding the next line feed ("" at the end).
-  std::string line();
-  // True when the daemon closed the connection without sending anything.
-  bool closed_without_reply();
+  Reply reply();  // reads one frame and parses it as a reply
+  std::string line();  // raw bytes up to the next line feed ("" at the end)
+  bool closed_without_reply();  // the daemon closed the connection without sending anything
   void close_now();
   int fd() const { return fd_; }
 
@@ -55,7 +51,5 @@ std::string outcome(uint16_t port, const std::string& request_payload, int timeo
 std::vector<std::string> list(uint16_t port);
 // Sends `bytes` and reads the line a stack answers with ("" when none came).
 std::string greeting(uint16_t port, const std::string& bytes, int timeout_seconds = 10);
-// An upload request framed and followed by its image.
-std::string upload_bytes(const std::string& name, const std::string& image);
 
 }  // namespace e2e

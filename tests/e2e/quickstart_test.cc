@@ -3,11 +3,9 @@
 #include <gtest/gtest.h>
 
 #include <csignal>
-#include <fcntl.h>
-#include <poll.h>
+#include <cstdlib>
 #include <string>
 #include <sys/wait.h>
-#include <unistd.h>
 #include <vector>
 
 #include "tests/e2e/daemon.h"
@@ -23,40 +21,12 @@ struct Outcome {
 
 // Runs appsrvctl against the daemon with `input` on its standard input.
 Outcome appsrvctl(const Daemon& daemon, const std::vector<std::string>& arguments, const std::string& input = "") {
-  int in[2], out[2], err[2];
-  if (pipe2(in, O_CLOEXEC) != 0 || pipe2(out, O_CLOEXEC) != 0 || pipe2(err, O_CLOEXEC) != 0) return {};
-  pid_t pid = fork();
-  if (pid == 0) {
-    dup2(in[0], 0);
-    dup2(out[1], 1);
-    dup2(err[1], 2);
-    std::string address = "APPSRV_ADDRESS=127.0.0.1:" + std::to_string(daemon.port());
-    putenv(address.data());
-    std::vector<char*> argv{const_cast<char*>(APPSRVCTL_BINARY)};
-    for (const std::string& argument : arguments) argv.push_back(const_cast<char*>(argument.c_str()));
-    argv.push_back(nullptr);
-    execv(APPSRVCTL_BINARY, argv.data());
-    _exit(127);
-  }
-  for (int fd : {in[0], out[1], err[1]}) close(fd);
-  if (!input.empty()) (void)!write(in[1], input.data(), input.size());
-  close(in[1]);
-  Outcome run;
-  pollfd fds[2] = {{out[0], POLLIN, 0}, {err[0], POLLIN, 0}};
-  for (int open = 2; open > 0 && poll(fds, 2, 20000) > 0;) {
-    for (int i = 0; i < 2; ++i) {
-      char chunk[4096];
-      ssize_t got = fds[i].revents == 0 ? -2 : read(fds[i].fd, chunk, sizeof chunk);
-      if (got > 0) (i == 0 ? run.out : run.err).append(chunk, static_cast<size_t>(got));
-      else if (got != -2) fds[i].fd = -1, --open;
-    }
-  }
-  close(out[0]);
-  close(err[0]);
-  int status = 0;
-  waitpid(pid, &status, 0);
-  run.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-  return run;
+  write_file(daemon.path("ctl.in"), input);
+  std::string command = "APPSRV_ADDRESS=127.0.0.1:" + std::to_string(daemon.port()) + " timeout 30 " APPSRVCTL_BINARY;
+  for (const std::string& argument : arguments) command += " '" + argument + "'";
+  std::string files = daemon.path("ctl");
+  int status = system((command + " <" + files + ".in >" + files + ".out 2>" + files + ".err").c_str());
+  return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, read_file(files + ".out"), read_file(files + ".err")};
 }
 
 const std::string kExample = std::string(APPSRV_SOURCE_DIR) + "/examples/hello.sh";
