@@ -79,7 +79,7 @@ class CrashLoop {
   bool operate() {
     uint64_t roll = random_() % 4;
     if (live_.size() >= kMostStacks || (roll == 3 && !live_.empty())) {
-      std::string name = pick(), result = outcome(daemon_.port(), encode_delete(name), 3);
+      std::string name = pick(), result = ask(daemon_.port(), encode_delete(name), 3);
       if (result == "success") live_.erase(name);
       return !result.empty();
     }

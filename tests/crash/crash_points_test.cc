@@ -79,7 +79,7 @@ TEST(CrashPoints, NormalWorkLeavesNoHiddenEntryAndTheSameLayout) {
   ASSERT_EQ(greeting(daemon.port(), upload_bytes("two", "2")), "deployed two");
   ASSERT_TRUE(daemon.wait_ready("one"));
   ASSERT_EQ(greeting(daemon.port(), frame(encode_rename("one", "uno"))), "hello uno");
-  ASSERT_EQ(outcome(daemon.port(), encode_delete("two")), "success");
+  ASSERT_EQ(ask(daemon.port(), encode_delete("two")), "success");
 
   std::string key = daemon.key_of("uno");
   ASSERT_FALSE(key.empty());

@@ -6,6 +6,7 @@
 #include <netinet/in.h>
 #include <sys/socket.h>
 #include <unistd.h>
+#include <utility>
 
 #include "base/istream.h"
 #include "base/ostream.h"
@@ -85,15 +86,12 @@ Connection::Connection(uint16_t port, int timeout_seconds) {
   address.sin_port = htons(port);
   address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
   timeval timeout{timeout_seconds, 0};
-  if (connect(fd_, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0) close_now();
+  if (connect(fd_, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0) ::close(std::exchange(fd_, -1));
   else setsockopt(fd_, SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof timeout);
 }
 
-Connection::~Connection() { close_now(); }
-
-void Connection::close_now() {
+Connection::~Connection() {
   if (fd_ >= 0) ::close(fd_);
-  fd_ = -1;
 }
 
 bool Connection::send(const std::string& bytes) {
@@ -106,47 +104,39 @@ bool Connection::send(const std::string& bytes) {
 }
 
 bool Connection::read_exactly(void* buffer, size_t size) {
-  for (size_t got = 0; got < size;) {
-    ssize_t n = recv(fd_, static_cast<char*>(buffer) + got, size - got, 0);
-    if (n <= 0) return false;
-    got += static_cast<size_t>(n);
-  }
-  return true;
+  return size == 0 || recv(fd_, buffer, size, MSG_WAITALL) == static_cast<ssize_t>(size);
 }
 
-Reply Connection::reply() {
-  Reply reply;
+std::string Connection::reply() {
   uint32_t length = 0;
-  if (!read_exactly(&length, 4)) return reply;
-  std::string payload(ntohl(length), '\0');
-  if (!read_exactly(payload.data(), payload.size())) return reply;
+  if (!read_exactly(&length, 4)) return "";
+  std::string payload(ntohl(length), '\0'), text;
+  if (!read_exactly(payload.data(), payload.size())) return "";
   dympage* arena = REP(create_allocator_f)();
   auto* root = REP(root_t___allocate_f)(arena);
   istream* in = istream_create_memory(payload.data(), payload.size());
-  int parsed = REP(parse_bin_f)(arena, root, in);
+  bool parsed = REP(parse_bin_f)(arena, root, in) == 0 && root->status.set;
   istream_destroy(in);
-  reply.received = parsed == 0 && root->status.set;
-  if (reply.received && root->status.tag == 0) {
-    reply.status = "failure";
+  if (parsed && root->status.tag == 0) {
     auto* failure = static_cast<REP(root___status___failure_t)*>(root->status.payload);
-    reply.reason.assign(failure->reason.text, failure->reason.length);
-  } else if (reply.received && root->status.tag == 1) {
-    reply.status = "success";
+    text = "failure: " + std::string(failure->reason.text, failure->reason.length);
+  } else if (parsed && root->status.tag == 1) {
     auto* success = static_cast<REP(root___status___success_t)*>(root->status.payload);
+    text = "success";
     if (success->type.set && success->type.tag == 0) {
-      reply.has_names = true;
+      text = "names:";
       auto* data = static_cast<REP(root___status___success___type___data_t)*>(success->type.payload);
       message_cursor cursor;
       for (const message_entry* e = REP(root___status___success___type___data___stack_names_t___cit_init)(
                data->stack_names.tree, &cursor);
            e != nullptr; e = REP(root___status___success___type___data___stack_names_t___cit_next)(&cursor))
-        reply.names.push_back(e->text);
+        text += std::string("\n") + e->text;
     }
-  } else if (reply.received) {
-    reply.status = "upgrade";
+  } else if (parsed) {
+    text = "upgrade";
   }
   REP(destroy_allocator_f)(arena);
-  return reply;
+  return text;
 }
 
 std::string Connection::line() {
@@ -163,20 +153,19 @@ bool Connection::closed_without_reply() {
   return got == 0 || (got < 0 && errno == ECONNRESET);
 }
 
-Reply ask(uint16_t port, const std::string& request_payload, int timeout_seconds) {
+std::string ask(uint16_t port, const std::string& request_payload, int timeout_seconds) {
   Connection connection(port, timeout_seconds);
-  if (!connection.connected() || !connection.send(frame(request_payload))) return Reply{};
+  if (!connection.connected() || !connection.send(frame(request_payload))) return "";
   return connection.reply();
 }
 
-std::string outcome(uint16_t port, const std::string& request_payload, int timeout_seconds) {
-  Reply reply = ask(port, request_payload, timeout_seconds);
-  return reply.status == "failure" ? "failure: " + reply.reason : reply.status;
-}
-
 std::vector<std::string> list(uint16_t port) {
-  Reply reply = ask(port, encode_list());
-  return reply.has_names ? reply.names : std::vector<std::string>{"<no reply>"};
+  std::string reply = ask(port, encode_list());
+  if (reply.rfind("names:", 0) != 0) return {"<no reply>"};
+  std::vector<std::string> names;
+  for (size_t at = reply.find('\n'); at != std::string::npos; at = reply.find('\n', at + 1))
+    names.push_back(reply.substr(at + 1, reply.find('\n', at + 1) - at - 1));
+  return names;
 }
 
 std::string greeting(uint16_t port, const std::string& bytes, int timeout_seconds) {

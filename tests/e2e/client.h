@@ -17,14 +17,6 @@ std::string encode_upload(const std::string& name, int64_t image_size);
 std::string frame(const std::string& payload);  // the big-endian length word and the payload
 std::string upload_bytes(const std::string& name, const std::string& image);  // framed request, then image
 
-struct Reply {
-  bool received = false;  // false: the connection closed without a frame
-  std::string status;  // "failure", "success", "upgrade"
-  std::string reason;  // for a failure
-  bool has_names = false;  // success with data
-  std::vector<std::string> names;
-};
-
 // A connection to the daemon; every read gives up after `timeout_seconds`.
 class Connection {
  public:
@@ -32,10 +24,11 @@ class Connection {
   ~Connection();
   bool connected() const { return fd_ >= 0; }
   bool send(const std::string& bytes);
-  Reply reply();  // reads one frame and parses it as a reply
+  // Reads one frame as a reply: "failure: <reason>", "success", "names:" and
+  // "\n<name>" for each name, "upgrade", or "" when no reply came.
+  std::string reply();
   std::string line();  // raw bytes up to the next line feed ("" at the end)
   bool closed_without_reply();  // the daemon closed the connection without sending anything
-  void close_now();
   int fd() const { return fd_; }
 
  private:
@@ -43,10 +36,8 @@ class Connection {
   int fd_ = -1;
 };
 
-// One request, one reply.
-Reply ask(uint16_t port, const std::string& request_payload, int timeout_seconds = 10);
-// "success", "failure: <reason>", "upgrade", or "" when no reply came.
-std::string outcome(uint16_t port, const std::string& request_payload, int timeout_seconds = 10);
+// One request, its reply.
+std::string ask(uint16_t port, const std::string& request_payload, int timeout_seconds = 10);
 // The daemon's list, or a single "<no reply>" entry when no list came back.
 std::vector<std::string> list(uint16_t port);
 // Sends `bytes` and reads the line a stack answers with ("" when none came).

@@ -2,12 +2,14 @@
 
 #include <algorithm>
 #include <arpa/inet.h>
+#include <chrono>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
-#include <ctime>
-#include <dirent.h>
 #include <fcntl.h>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
 #include <netinet/in.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -19,20 +21,14 @@
 namespace e2e {
 
 std::string read_file(const std::string& path) {
-  FILE* f = fopen(path.c_str(), "rb");
-  if (f == nullptr) return "<missing>";
-  std::string contents;
-  char chunk[65536];
-  for (size_t got; (got = fread(chunk, 1, sizeof chunk, f)) > 0;) contents.append(chunk, got);
-  fclose(f);
-  return contents;
+  std::ifstream in(path, std::ios::binary);
+  std::ostringstream contents;
+  contents << in.rdbuf();
+  return in ? contents.str() : "<missing>";
 }
 
 void write_file(const std::string& path, const std::string& contents) {
-  FILE* f = fopen(path.c_str(), "wb");
-  if (f == nullptr) return;
-  fwrite(contents.data(), 1, contents.size(), f);
-  fclose(f);
+  std::ofstream(path, std::ios::binary) << contents;
 }
 
 bool exists(const std::string& path) {
@@ -42,35 +38,26 @@ bool exists(const std::string& path) {
 
 Names entries(const std::string& directory) {
   Names names;
-  DIR* listing = opendir(directory.c_str());
-  if (listing == nullptr) return names;
-  while (dirent* entry = readdir(listing)) {
-    std::string name = entry->d_name;
-    if (name != "." && name != "..") names.push_back(name);
-  }
-  closedir(listing);
+  std::error_code error;
+  for (const auto& entry : std::filesystem::directory_iterator(directory, error))
+    names.push_back(entry.path().filename());
   std::sort(names.begin(), names.end());
   return names;
 }
 
-void make_tree(const std::string& path) {
-  if (system(("mkdir -p '" + path + "'").c_str()) != 0) abort();
-}
+void make_tree(const std::string& path) { std::filesystem::create_directories(path); }
 
 bool contains(const std::string& text, const std::string& part) { return text.find(part) != std::string::npos; }
 
 bool eventually(const std::function<bool()>& condition, int milliseconds) {
-  for (int waited = 0; waited < milliseconds; waited += 10) {
+  for (int waited = 0; waited < milliseconds; waited += 10, usleep(10000))
     if (condition()) return true;
-    usleep(10000);
-  }
   return condition();
 }
 
 int64_t now_ms() {
-  timespec now;
-  clock_gettime(CLOCK_MONOTONIC, &now);
-  return int64_t{now.tv_sec} * 1000 + now.tv_nsec / 1000000;
+  using namespace std::chrono;
+  return duration_cast<milliseconds>(steady_clock::now().time_since_epoch()).count();
 }
 
 uint16_t free_port() {
