@@ -5,12 +5,11 @@
 
 #include <algorithm>
 #include <csignal>
-#include <fcntl.h>
+#include <cstdlib>
 #include <string>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include "tests/e2e/client.h"
 #include "tests/e2e/daemon.h"
 
 using namespace e2e;
@@ -50,17 +49,14 @@ size_t occurrences(const std::string& text, const std::string& part) {
   return count;
 }
 
-// A child process running `child`; killed and reaped at the end of scope
-// unless it was reaped before.
-struct Child {
-  template <typename Body>
-  explicit Child(Body child) : pid(fork()) {
-    if (pid == 0) child(), _exit(127);
+// An unrelated process leading its own group, as a reused pid would; killed
+// and reaped at the end of scope.
+struct Bystander {
+  Bystander() : pid(fork()) {
+    if (pid == 0) for (;;) pause();
+    setpgid(pid, pid);
   }
-  bool reaped(int* status) { return waitpid(pid, status, WNOHANG) == pid && (pid = 0) == 0; }
-  ~Child() {
-    if (pid > 0) kill(pid, SIGKILL), waitpid(pid, nullptr, 0);
-  }
+  ~Bystander() { kill(pid, SIGKILL), waitpid(pid, nullptr, 0); }
   pid_t pid;
 };
 
@@ -83,13 +79,9 @@ TEST(Orphans, AKilledDaemonsStacksAreStoppedBeforeTheirSuccessorsStart) {
   daemon.signal(SIGKILL);
   ASSERT_GE(daemon.wait_exit(5000), 0);
   for (pid_t group : groups) ASSERT_EQ(members_of(group), 2u) << "left running by the killed daemon";
-  // A record whose pid now belongs to someone else (another start time), an
-  // unrelated process leading its own group as a reused pid would, and one of
-  // a process that is gone: neither may be signalled.
-  Child bystander([] {
-    for (;;) pause();
-  });
-  setpgid(bystander.pid, bystander.pid);
+  // A record whose pid now belongs to someone else (another start time), and
+  // one of a process that is gone: neither may be signalled.
+  Bystander bystander;
   write_file(daemon.path("private/job-" + std::to_string(bystander.pid)),
              std::to_string(bystander.pid) + " 1 " + std::string(64, 'b') + "\n");
   write_file(daemon.path("private/job-999999999"), "999999999 1 " + std::string(64, 'c') + "\n");
@@ -136,16 +128,10 @@ TEST(Orphans, ASecondDaemonInTheSameDirectoryExitsAndChangesNothing) {
   std::string before_log = daemon.log_of_stack("app");
 
   // A second appsrv in the same directory on another port.
-  std::string port = std::to_string(free_port()), err_path = daemon.path("second.err");
-  Child second([&] {
-    if (chdir(daemon.path("").c_str()) != 0) return;
-    dup2(open(err_path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644), 2);
-    execl(APPSRV_BINARY, APPSRV_BINARY, "127.0.0.1", port.c_str(), static_cast<char*>(nullptr));
-  });
-  int status = -1;
-  ASSERT_TRUE(eventually([&] { return second.reaped(&status); })) << "it still runs";
-  std::string err = read_file(err_path);
-  ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 1) << err;
+  int status = system(("cd " + daemon.path("") + " && exec timeout 5 " APPSRV_BINARY " 127.0.0.1 " +
+                       std::to_string(free_port()) + " 2>second.err").c_str());
+  std::string err = read_file(daemon.path("second.err"));
+  ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 1) << status << err;
   EXPECT_TRUE(contains(err, "] Error: working directory in use by process " + std::to_string(daemon.pid()) + "\n"))
       << err;
   EXPECT_EQ(occurrences(err, "\n"), 1u) << err;

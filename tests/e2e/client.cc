@@ -40,38 +40,22 @@ std::string encode(Build build) {
 
 }  // namespace
 
-std::string encode_list() {
-  return encode([](dympage* arena, REQ(root_t)* root) { REQ(root_t___type___iwrite_setto___list)(arena, root); });
-}
+// A request of this kind with its fields set: ENCODE(kind, SET(kind, field, value), ...).
+#define ENCODE(kind, ...)                                                 \
+  encode([&](dympage* arena, REQ(root_t)* root) {                         \
+    [[maybe_unused]] auto* payload = REQ(root_t___type___iwrite_setto___##kind)(arena, root); \
+    __VA_ARGS__;                                                          \
+  })
+#define SET(kind, field, value) REQ(root___type___##kind##_t___##field##___iwrite_set)(arena, payload, value)
 
-std::string encode_delete(const std::string& name) {
-  return encode([&](dympage* arena, REQ(root_t)* root) {
-    auto* payload = REQ(root_t___type___iwrite_setto___delete)(arena, root);
-    REQ(root___type___delete_t___stack_name___iwrite_set)(arena, payload, name.c_str());
-  });
-}
-
+std::string encode_list() { return ENCODE(list); }
+std::string encode_delete(const std::string& name) { return ENCODE(delete, SET(delete, stack_name, name.c_str())); }
+std::string encode_select(const std::string& name) { return ENCODE(select, SET(select, stack_name, name.c_str())); }
 std::string encode_rename(const std::string& old_name, const std::string& new_name) {
-  return encode([&](dympage* arena, REQ(root_t)* root) {
-    auto* payload = REQ(root_t___type___iwrite_setto___rename)(arena, root);
-    REQ(root___type___rename_t___old_name___iwrite_set)(arena, payload, old_name.c_str());
-    REQ(root___type___rename_t___new_name___iwrite_set)(arena, payload, new_name.c_str());
-  });
+  return ENCODE(rename, SET(rename, old_name, old_name.c_str()), SET(rename, new_name, new_name.c_str()));
 }
-
-std::string encode_select(const std::string& name) {
-  return encode([&](dympage* arena, REQ(root_t)* root) {
-    auto* payload = REQ(root_t___type___iwrite_setto___select)(arena, root);
-    REQ(root___type___select_t___stack_name___iwrite_set)(arena, payload, name.c_str());
-  });
-}
-
 std::string encode_upload(const std::string& name, int64_t image_size) {
-  return encode([&](dympage* arena, REQ(root_t)* root) {
-    auto* payload = REQ(root_t___type___iwrite_setto___upload)(arena, root);
-    REQ(root___type___upload_t___image_size___iwrite_set)(arena, payload, image_size);
-    REQ(root___type___upload_t___stack_name___iwrite_set)(arena, payload, name.c_str());
-  });
+  return ENCODE(upload, SET(upload, image_size, image_size), SET(upload, stack_name, name.c_str()));
 }
 
 std::string frame(const std::string& payload) {

@@ -16,7 +16,6 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include "tests/e2e/client.h"
 
 namespace e2e {
 

@@ -1,6 +1,7 @@
 // The real appsrv binary run in a temporary working directory on a free
-// loopback port, with the test bootstrap as every stack's program; and the
-// file, directory and waiting helpers every end-to-end and crash test shares.
+// loopback port, with the test bootstrap as every stack's program; the file,
+// directory and waiting helpers every end-to-end and crash test shares; and
+// (from client.h) the protocol client.
 #pragma once
 
 #include <cstdint>
@@ -8,6 +9,8 @@
 #include <string>
 #include <sys/types.h>
 #include <vector>
+
+#include "tests/e2e/client.h"
 
 namespace e2e {
 
@@ -26,13 +29,12 @@ uint16_t free_port();
 
 class Daemon {
  public:
-  // Prepares the working directory: runenv with `bootstrap` as every stack's
-  // program, and data.
+  // Prepares runenv, with `bootstrap` as every stack's program, and data.
   explicit Daemon(const char* bootstrap = TEST_BOOTSTRAP);
   ~Daemon();  // kills what is left and removes the directory
 
-  // Starts appsrv (default: 127.0.0.1 and a free port) and waits up to
-  // `start_wait` ms until it accepts connections. False when it did not come up.
+  // Starts appsrv (default: on 127.0.0.1 and a free port); false unless it
+  // accepts connections within the start wait (5 s unless set).
   bool start();
   bool start_with(const std::string& host, const std::string& port);
   void set_start_wait(int milliseconds) { start_wait_ = milliseconds; }

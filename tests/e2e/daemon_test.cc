@@ -7,7 +7,6 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include "tests/e2e/client.h"
 #include "tests/e2e/daemon.h"
 
 using namespace e2e;
