@@ -37,12 +37,12 @@ class CrashLoop {
  public:
   explicit CrashLoop(uint64_t seed) : random_(seed) { daemon_.behave("default", "marker"); }
 
-  // After a restart: nothing hidden is left, and the list, the stores on disk
-  // and the images agree.
+  // After a restart (its start-up work done once it answers): nothing hidden
+  // is left, and the list, the stores on disk and the images agree.
   void check() {
+    Names listed = list(daemon_.port()), on_disk;
     for (const char* root : {"data", "stacks"})
       for (const std::string& entry : entries(daemon_.path(root))) ASSERT_NE(entry[0], '.') << root << entry;
-    Names listed = list(daemon_.port()), on_disk;
     for (const std::string& key : entries(daemon_.path("data"))) {
       std::string name = read_file(daemon_.path("data/" + key + "/serv/name"));
       on_disk.push_back(name);
