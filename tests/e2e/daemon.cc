@@ -114,16 +114,11 @@ bool Daemon::start_with(const std::string& host, const std::string& port) {
     _exit(127);
   }
   // The probe closes without a request; the daemon drops it silently.
-  for (int waited = 0; waited < start_wait_; waited += 10, usleep(10000))
-    if (reaped()) return false;
-    else if (Connection(port_).connected()) return true;
-  return false;
+  return eventually([&] { return reaped() || Connection(port_).connected(); }, start_wait_) && pid_ > 0;
 }
 
 int Daemon::wait_exit(int milliseconds) {
-  for (int waited = 0; waited <= milliseconds; waited += 10, usleep(10000))
-    if (reaped()) return exit_status_;
-  return -1;
+  return eventually([&] { return reaped(); }, milliseconds) ? exit_status_ : -1;
 }
 
 void Daemon::signal(int signal_number) { kill(pid_, signal_number); }
