@@ -6,21 +6,18 @@
 
 #include <algorithm>
 #include <chrono>
-#include <cstring>
 #include <csignal>
 #include <cstdlib>
+#include <cstring>
 #include <map>
 #include <random>
 #include <set>
 #include <string>
 #include <thread>
-#include <unistd.h>
 
-#include "tests/crash/crash_util.h"
 #include "tests/e2e/daemon.h"
 
-using crash::Names;
-using e2e::Daemon;
+using namespace e2e;
 
 namespace {
 
@@ -29,93 +26,71 @@ constexpr int64_t kBudgetMilliseconds = 80000;
 constexpr int kMinimumKills = 60;  // what a slow (sanitizer) build must reach at least
 constexpr size_t kMostStacks = 6;
 
-struct Totals {
-  int kills = 0;
-  int restarts = 0;
-  int stacks_checked = 0;
-  int images_checked = 0;
-};
-
 std::string random_image(std::mt19937_64& random) {
   uint64_t roll = random() % 100;
-  size_t size = roll < 70 ? random() % 65536 : roll < 95 ? 262144 + random() % 786432 : (8u << 20);
-  std::string image(size, '\0');
-  for (size_t i = 0; i + 8 <= size; i += 8) {
-    uint64_t word = random();
-    memcpy(&image[i], &word, 8);
-  }
+  std::string image(roll < 70 ? random() % 65536 : roll < 95 ? 262144 + random() % 786432 : (8u << 20), '\0');
+  for (size_t i = 0, word; i + 8 <= image.size(); i += 8) word = random(), memcpy(&image[i], &word, 8);
   return image;
 }
 
 class CrashLoop {
  public:
-  explicit CrashLoop(uint64_t seed) : random_(seed) {}
+  explicit CrashLoop(uint64_t seed) : random_(seed) { daemon_.behave("default", "marker"); }
 
-  // After a restart: the list, the stores on disk and the images agree.
-  void check(Totals& totals) {
-    Names listed = crash::list(daemon_);
-    std::map<std::string, std::string> stores = crash::stores_on_disk(daemon_);
-    Names on_disk;
-    for (const auto& [key, name] : stores) on_disk.push_back(name);
-    std::sort(on_disk.begin(), on_disk.end());
-    ASSERT_EQ(listed, on_disk) << "restart " << totals.restarts;
-    for (const auto& [key, name] : stores) {
+  // After a restart (its start-up work done once it answers): nothing hidden
+  // is left, and the list, the stores on disk and the images agree.
+  void check() {
+    Names listed = list(daemon_.port()), on_disk;
+    for (const char* root : {"data", "stacks"})
+      for (const std::string& entry : entries(daemon_.path(root))) ASSERT_NE(entry[0], '.') << root << entry;
+    for (const std::string& key : entries(daemon_.path("data"))) {
+      std::string name = read_file(daemon_.path("data/" + key + "/serv/name"));
+      on_disk.push_back(name);
       auto uploaded = images_.find(name);
       ASSERT_NE(uploaded, images_.end()) << "a store named '" << name << "' was never uploaded";
-      ASSERT_TRUE(e2e::read_file(daemon_.path("data/" + key + "/serv/image")) == uploaded->second)
+      ASSERT_TRUE(read_file(daemon_.path("data/" + key + "/serv/image")) == uploaded->second)
           << "image of '" << name << "' differs from the upload";
-      ++totals.images_checked;
     }
-    for (const char* root : {"data", "stacks"})
-      for (const std::string& entry : crash::entries(daemon_.path(root))) ASSERT_NE(entry[0], '.') << root << entry;
-    totals.stacks_checked += static_cast<int>(listed.size());
+    std::sort(on_disk.begin(), on_disk.end());
+    ASSERT_EQ(listed, on_disk) << "restart " << restarts;
+    stacks_checked += static_cast<int>(listed.size());  // each with its image
     live_ = std::set<std::string>(listed.begin(), listed.end());
   }
 
   // Works until the daemon is gone (at most a few operations more).
   void work() {
-    for (int step = 0; step < 50; ++step) {
-      if (!operate()) return;
+    for (int step = 0; step < 50 && operate(); ++step) {
     }
   }
 
-  Daemon& daemon() { return daemon_; }
+  Daemon daemon_;
+  int kills = 0, restarts = 0, stacks_checked = 0;
 
  private:
-  std::string pick() {
-    auto at = live_.begin();
-    std::advance(at, static_cast<long>(random_() % live_.size()));
-    return *at;
-  }
+  std::string pick() { return *std::next(live_.begin(), static_cast<long>(random_() % live_.size())); }
 
   // One operation; false once the daemon no longer answers.
   bool operate() {
     uint64_t roll = random_() % 4;
     if (live_.size() >= kMostStacks || (roll == 3 && !live_.empty())) {
-      std::string name = pick();
-      std::string result = crash::remove(daemon_, name, 3);
+      std::string name = pick(), result = ask(daemon_.port(), encode_delete(name), 3);
       if (result == "success") live_.erase(name);
       return !result.empty();
     }
-    if (roll == 2 && !live_.empty()) {
-      std::string name = pick();
-      std::string renamed = "n" + std::to_string(next_name_++);
-      images_[renamed] = images_[name];
-      std::string greeting = crash::rename(daemon_, name, renamed, 3);
-      if (greeting.empty()) return false;
-      live_.erase(name);
-      live_.insert(renamed);
-      return true;
-    }
     std::string name = "n" + std::to_string(next_name_++);
-    images_[name] = random_image(random_);
-    std::string greeting = crash::upload(daemon_, name, images_[name], 3);
-    if (greeting.empty()) return false;
+    if (roll == 2 && !live_.empty()) {
+      std::string old_name = pick();
+      images_[name] = images_[old_name];
+      if (greeting(daemon_.port(), frame(encode_rename(old_name, name)), 3).empty()) return false;
+      live_.erase(old_name);
+    } else {
+      images_[name] = random_image(random_);
+      if (greeting(daemon_.port(), upload_bytes(name, images_[name]), 3).empty()) return false;
+    }
     live_.insert(name);
     return true;
   }
 
-  Daemon daemon_;
   std::mt19937_64 random_;
   std::map<std::string, std::string> images_;  // every name ever used; names are never reused
   std::set<std::string> live_;
@@ -130,19 +105,14 @@ TEST(CrashLoop, RandomKillsNeverLeaveADiskTheDaemonCannotStartOn) {
   uint64_t seed = seed_text != nullptr ? strtoull(seed_text, nullptr, 10) : 20261123;
   std::mt19937_64 timing(seed ^ 0x5eed);
   CrashLoop loop(seed);
-  loop.daemon().behave("default", "marker");
-  Totals totals;
-  int64_t deadline = crash::now_ms() + kBudgetMilliseconds;
-  while (totals.kills < kKills && crash::now_ms() < deadline) {
-    ASSERT_TRUE(loop.daemon().start()) << "restart " << totals.restarts << ", seed " << seed << ":\n"
-                                       << loop.daemon().err();
-    ++totals.restarts;
-    loop.check(totals);
-    if (testing::Test::HasFatalFailure()) {
-      ADD_FAILURE() << "seed " << seed << ", restart " << totals.restarts << ":\n" << loop.daemon().err();
-      return;
-    }
-    pid_t pid = loop.daemon().pid();
+  for (int64_t deadline = now_ms() + kBudgetMilliseconds;; ++loop.kills) {
+    ASSERT_TRUE(loop.daemon_.start()) << "restart " << loop.restarts << ", seed " << seed << ":\n"
+                                      << loop.daemon_.err();
+    ++loop.restarts;
+    loop.check();
+    ASSERT_FALSE(testing::Test::HasFatalFailure()) << "seed " << seed << ":\n" << loop.daemon_.err();
+    if (loop.kills == kKills || now_ms() >= deadline) break;
+    pid_t pid = loop.daemon_.pid();
     auto delay = std::chrono::microseconds(timing() % 120000);
     std::thread killer([pid, delay] {
       std::this_thread::sleep_for(delay);
@@ -150,14 +120,9 @@ TEST(CrashLoop, RandomKillsNeverLeaveADiskTheDaemonCannotStartOn) {
     });
     loop.work();
     killer.join();
-    ASSERT_GE(loop.daemon().wait_exit(5000), 0);
-    ++totals.kills;
+    ASSERT_GE(loop.daemon_.wait_exit(5000), 0);
   }
-  ASSERT_TRUE(loop.daemon().start()) << loop.daemon().err();
-  ++totals.restarts;
-  loop.check(totals);
-  printf("crash loop: seed %llu, %d kills, %d restarts, %d stacks and %d images checked\n",
-         static_cast<unsigned long long>(seed), totals.kills, totals.restarts, totals.stacks_checked,
-         totals.images_checked);
-  EXPECT_GE(totals.kills, kMinimumKills);
+  printf("crash loop: seed %llu, %d kills, %d restarts, %d stacks and their images checked\n",
+         static_cast<unsigned long long>(seed), loop.kills, loop.restarts, loop.stacks_checked);
+  EXPECT_GE(loop.kills, kMinimumKills);
 }

@@ -3,75 +3,59 @@
 #include <arpa/inet.h>
 #include <cerrno>
 #include <cstdlib>
-#include <cstring>
 #include <netinet/in.h>
 #include <sys/socket.h>
 #include <unistd.h>
+#include <utility>
 
 #include "base/istream.h"
 #include "base/ostream.h"
 #include "protocol/appsrv_protocol_reply/appsrv_protocol_reply.h"
 #include "protocol/appsrv_protocol_request/appsrv_protocol_request.h"
 
+// The generated names share long prefixes.
+#define REQ(name) image___appsrv_protocol_request___##name
+#define REP(name) image___appsrv_protocol_reply___##name
+
 namespace e2e {
 
 namespace {
 
-using request_t = image___appsrv_protocol_request___root_t;
-
 template <typename Build>
 std::string encode(Build build) {
-  dympage* arena = image___appsrv_protocol_request___create_allocator_f();
-  request_t* root = image___appsrv_protocol_request___root_t___allocate_f(arena);
+  dympage* arena = REQ(create_allocator_f)();
+  REQ(root_t)* root = REQ(root_t___allocate_f)(arena);
   build(arena, root);
   char* buffer = nullptr;
   uint64_t size = 0;
   ostream* out = ostream_create_memory(&buffer, &size);
-  image___appsrv_protocol_request___finalize_f(root);
-  int result = image___appsrv_protocol_request___serialize_bin_f(root, out);
+  REQ(finalize_f)(root);
+  int result = REQ(serialize_bin_f)(root, out);
   ostream_destroy(out);
   std::string bytes(buffer, size);
   free(buffer);
-  image___appsrv_protocol_request___destroy_allocator_f(arena);
+  REQ(destroy_allocator_f)(arena);
   return result == 0 ? bytes : std::string();
 }
 
 }  // namespace
 
-std::string encode_list() {
-  return encode([](dympage* arena, request_t* root) {
-    image___appsrv_protocol_request___root_t___type___iwrite_setto___list(arena, root);
-  });
-}
+// A request of this kind with its fields set: ENCODE(kind, SET(kind, field, value), ...).
+#define ENCODE(kind, ...)                                                 \
+  encode([&](dympage* arena, REQ(root_t)* root) {                         \
+    [[maybe_unused]] auto* payload = REQ(root_t___type___iwrite_setto___##kind)(arena, root); \
+    __VA_ARGS__;                                                          \
+  })
+#define SET(kind, field, value) REQ(root___type___##kind##_t___##field##___iwrite_set)(arena, payload, value)
 
-std::string encode_delete(const std::string& name) {
-  return encode([&](dympage* arena, request_t* root) {
-    auto* payload = image___appsrv_protocol_request___root_t___type___iwrite_setto___delete(arena, root);
-    image___appsrv_protocol_request___root___type___delete_t___stack_name___iwrite_set(arena, payload, name.c_str());
-  });
-}
-
+std::string encode_list() { return ENCODE(list); }
+std::string encode_delete(const std::string& name) { return ENCODE(delete, SET(delete, stack_name, name.c_str())); }
+std::string encode_select(const std::string& name) { return ENCODE(select, SET(select, stack_name, name.c_str())); }
 std::string encode_rename(const std::string& old_name, const std::string& new_name) {
-  return encode([&](dympage* arena, request_t* root) {
-    auto* payload = image___appsrv_protocol_request___root_t___type___iwrite_setto___rename(arena, root);
-    image___appsrv_protocol_request___root___type___rename_t___old_name___iwrite_set(arena, payload, old_name.c_str());
-    image___appsrv_protocol_request___root___type___rename_t___new_name___iwrite_set(arena, payload, new_name.c_str());
-  });
+  return ENCODE(rename, SET(rename, old_name, old_name.c_str()), SET(rename, new_name, new_name.c_str()));
 }
-
-std::string encode_select(const std::string& name) {
-  return encode([&](dympage* arena, request_t* root) {
-    auto* payload = image___appsrv_protocol_request___root_t___type___iwrite_setto___select(arena, root);
-    image___appsrv_protocol_request___root___type___select_t___stack_name___iwrite_set(arena, payload, name.c_str());
-  });
-}
-
 std::string encode_upload(const std::string& name, int64_t image_size) {
-  return encode([&](dympage* arena, request_t* root) {
-    auto* payload = image___appsrv_protocol_request___root_t___type___iwrite_setto___upload(arena, root);
-    image___appsrv_protocol_request___root___type___upload_t___image_size___iwrite_set(arena, payload, image_size);
-    image___appsrv_protocol_request___root___type___upload_t___stack_name___iwrite_set(arena, payload, name.c_str());
-  });
+  return ENCODE(upload, SET(upload, image_size, image_size), SET(upload, stack_name, name.c_str()));
 }
 
 std::string frame(const std::string& payload) {
@@ -85,25 +69,17 @@ Connection::Connection(uint16_t port, int timeout_seconds) {
   address.sin_family = AF_INET;
   address.sin_port = htons(port);
   address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  if (connect(fd_, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0) {
-    ::close(fd_);
-    fd_ = -1;
-    return;
-  }
   timeval timeout{timeout_seconds, 0};
-  setsockopt(fd_, SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof timeout);
+  if (connect(fd_, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0) ::close(std::exchange(fd_, -1));
+  else setsockopt(fd_, SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof timeout);
 }
 
-Connection::~Connection() { close_now(); }
-
-void Connection::close_now() {
+Connection::~Connection() {
   if (fd_ >= 0) ::close(fd_);
-  fd_ = -1;
 }
 
 bool Connection::send(const std::string& bytes) {
-  size_t sent = 0;
-  while (sent < bytes.size()) {
+  for (size_t sent = 0; sent < bytes.size();) {
     ssize_t n = ::send(fd_, bytes.data() + sent, bytes.size() - sent, MSG_NOSIGNAL);
     if (n <= 0) return false;
     sent += static_cast<size_t>(n);
@@ -112,54 +88,39 @@ bool Connection::send(const std::string& bytes) {
 }
 
 bool Connection::read_exactly(void* buffer, size_t size) {
-  size_t got = 0;
-  while (got < size) {
-    ssize_t n = recv(fd_, static_cast<char*>(buffer) + got, size - got, 0);
-    if (n <= 0) return false;
-    got += static_cast<size_t>(n);
-  }
-  return true;
+  return size == 0 || recv(fd_, buffer, size, MSG_WAITALL) == static_cast<ssize_t>(size);
 }
 
-Reply Connection::reply() {
-  Reply reply;
+std::string Connection::reply() {
   uint32_t length = 0;
-  if (!read_exactly(&length, 4)) return reply;
-  std::string payload(ntohl(length), '\0');
-  if (!read_exactly(payload.data(), payload.size())) return reply;
-  dympage* arena = image___appsrv_protocol_reply___create_allocator_f();
-  auto* root = image___appsrv_protocol_reply___root_t___allocate_f(arena);
+  if (!read_exactly(&length, 4)) return "";
+  std::string payload(ntohl(length), '\0'), text;
+  if (!read_exactly(payload.data(), payload.size())) return "";
+  dympage* arena = REP(create_allocator_f)();
+  auto* root = REP(root_t___allocate_f)(arena);
   istream* in = istream_create_memory(payload.data(), payload.size());
-  int parsed = image___appsrv_protocol_reply___parse_bin_f(arena, root, in);
+  bool parsed = REP(parse_bin_f)(arena, root, in) == 0 && root->status.set;
   istream_destroy(in);
-  if (parsed == 0 && root->status.set) {
-    reply.received = true;
-    if (root->status.tag == 0) {
-      reply.status = "failure";
-      auto* failure = static_cast<image___appsrv_protocol_reply___root___status___failure_t*>(root->status.payload);
-      reply.reason.assign(failure->reason.text, failure->reason.length);
-    } else if (root->status.tag == 1) {
-      reply.status = "success";
-      auto* success = static_cast<image___appsrv_protocol_reply___root___status___success_t*>(root->status.payload);
-      if (success->type.set && success->type.tag == 0) {
-        reply.has_names = true;
-        auto* data = static_cast<image___appsrv_protocol_reply___root___status___success___type___data_t*>(
-            success->type.payload);
-        message_cursor cursor;
-        for (const message_entry* e =
-                 image___appsrv_protocol_reply___root___status___success___type___data___stack_names_t___cit_init(
-                     data->stack_names.tree, &cursor);
-             e != nullptr;
-             e = image___appsrv_protocol_reply___root___status___success___type___data___stack_names_t___cit_next(
-                 &cursor))
-          reply.names.push_back(e->text);
-      }
-    } else {
-      reply.status = "upgrade";
+  if (parsed && root->status.tag == 0) {
+    auto* failure = static_cast<REP(root___status___failure_t)*>(root->status.payload);
+    text = "failure: " + std::string(failure->reason.text, failure->reason.length);
+  } else if (parsed && root->status.tag == 1) {
+    auto* success = static_cast<REP(root___status___success_t)*>(root->status.payload);
+    text = "success";
+    if (success->type.set && success->type.tag == 0) {
+      text = "names:";
+      auto* data = static_cast<REP(root___status___success___type___data_t)*>(success->type.payload);
+      message_cursor cursor;
+      for (const message_entry* e = REP(root___status___success___type___data___stack_names_t___cit_init)(
+               data->stack_names.tree, &cursor);
+           e != nullptr; e = REP(root___status___success___type___data___stack_names_t___cit_next)(&cursor))
+        text += std::string("\n") + e->text;
     }
+  } else if (parsed) {
+    text = "upgrade";
   }
-  image___appsrv_protocol_reply___destroy_allocator_f(arena);
-  return reply;
+  REP(destroy_allocator_f)(arena);
+  return text;
 }
 
 std::string Connection::line() {
@@ -176,10 +137,29 @@ bool Connection::closed_without_reply() {
   return got == 0 || (got < 0 && errno == ECONNRESET);
 }
 
-Reply ask(uint16_t port, const std::string& request_payload, int timeout_seconds) {
+std::string ask(uint16_t port, const std::string& request_payload, int timeout_seconds) {
   Connection connection(port, timeout_seconds);
-  if (!connection.connected() || !connection.send(frame(request_payload))) return Reply{};
+  if (!connection.connected() || !connection.send(frame(request_payload))) return "";
   return connection.reply();
+}
+
+std::vector<std::string> list(uint16_t port) {
+  std::string reply = ask(port, encode_list());
+  if (reply.rfind("names:", 0) != 0) return {"<no reply>"};
+  std::vector<std::string> names;
+  for (size_t at = reply.find('\n'); at != std::string::npos; at = reply.find('\n', at + 1))
+    names.push_back(reply.substr(at + 1, reply.find('\n', at + 1) - at - 1));
+  return names;
+}
+
+std::string greeting(uint16_t port, const std::string& bytes, int timeout_seconds) {
+  Connection connection(port, timeout_seconds);
+  if (!connection.connected() || !connection.send(bytes)) return "";
+  return connection.line();
+}
+
+std::string upload_bytes(const std::string& name, const std::string& image) {
+  return frame(encode_upload(name, static_cast<int64_t>(image.size()))) + image;
 }
 
 }  // namespace e2e

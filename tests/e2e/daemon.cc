@@ -1,35 +1,62 @@
 #include "tests/e2e/daemon.h"
 
+#include <algorithm>
 #include <arpa/inet.h>
+#include <chrono>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
-#include <dirent.h>
 #include <fcntl.h>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
 #include <netinet/in.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include "tests/e2e/client.h"
 
 namespace e2e {
 
 std::string read_file(const std::string& path) {
-  FILE* f = fopen(path.c_str(), "rb");
-  if (f == nullptr) return "<missing>";
-  std::string contents;
-  char chunk[65536];
-  for (size_t got; (got = fread(chunk, 1, sizeof chunk, f)) > 0;) contents.append(chunk, got);
-  fclose(f);
-  return contents;
+  std::ifstream in(path, std::ios::binary);
+  std::ostringstream contents;
+  contents << in.rdbuf();
+  return in ? contents.str() : "<missing>";
 }
 
 void write_file(const std::string& path, const std::string& contents) {
-  FILE* f = fopen(path.c_str(), "wb");
-  if (f == nullptr) return;
-  fwrite(contents.data(), 1, contents.size(), f);
-  fclose(f);
+  std::ofstream(path, std::ios::binary) << contents;
+}
+
+bool exists(const std::string& path) {
+  struct stat info;
+  return lstat(path.c_str(), &info) == 0;
+}
+
+Names entries(const std::string& directory) {
+  Names names;
+  std::error_code error;
+  for (const auto& entry : std::filesystem::directory_iterator(directory, error))
+    names.push_back(entry.path().filename());
+  std::sort(names.begin(), names.end());
+  return names;
+}
+
+void make_tree(const std::string& path) { std::filesystem::create_directories(path); }
+
+bool contains(const std::string& text, const std::string& part) { return text.find(part) != std::string::npos; }
+
+bool eventually(const std::function<bool()>& condition, int milliseconds) {
+  for (int waited = 0; waited < milliseconds; waited += 10, usleep(10000))
+    if (condition()) return true;
+  return condition();
+}
+
+int64_t now_ms() {
+  using namespace std::chrono;
+  return duration_cast<milliseconds>(steady_clock::now().time_since_epoch()).count();
 }
 
 uint16_t free_port() {
@@ -44,20 +71,11 @@ uint16_t free_port() {
   return ntohs(address.sin_port);
 }
 
-bool eventually(bool (*condition)(void*), void* context, int milliseconds) {
-  for (int waited = 0; waited < milliseconds; waited += 10) {
-    if (condition(context)) return true;
-    usleep(10000);
-  }
-  return condition(context);
-}
-
 Daemon::Daemon(const char* bootstrap) {
   char pattern[] = "/tmp/appsrv-e2e-XXXXXX";
   if (mkdtemp(pattern) == nullptr) abort();
   dir_ = pattern;
-  std::string setup = "mkdir -p '" + dir_ + "/runenv/image' '" + dir_ + "/runenv/test-control' '" + dir_ + "/data'";
-  if (system(setup.c_str()) != 0) abort();
+  for (const char* directory : {"runenv/image", "runenv/test-control", "data"}) make_tree(path(directory));
   if (symlink(bootstrap, path("runenv/image/application-server-bootstrap").c_str()) != 0) abort();
 }
 
@@ -78,47 +96,29 @@ bool Daemon::start() {
   return start_with("127.0.0.1", std::to_string(port_));
 }
 
+bool Daemon::reaped() {
+  int status;
+  if (waitpid(pid_, &status, WNOHANG) != pid_) return false;
+  pid_ = -1;
+  exit_status_ = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+  return true;
+}
+
 bool Daemon::start_with(const std::string& host, const std::string& port) {
   pid_ = fork();
   if (pid_ == 0) {
     if (chdir(dir_.c_str()) != 0) _exit(127);
-    int out = open("appsrv.out", O_WRONLY | O_CREAT | O_TRUNC, 0644);
-    int err = open("appsrv.err", O_WRONLY | O_CREAT | O_TRUNC, 0644);
-    dup2(out, 1);
-    dup2(err, 2);
-    close(out);
-    close(err);
+    dup2(open("appsrv.out", O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644), 1);
+    dup2(open("appsrv.err", O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644), 2);
     execl(APPSRV_BINARY, APPSRV_BINARY, host.c_str(), port.c_str(), static_cast<char*>(nullptr));
     _exit(127);
   }
-  for (int waited = 0; waited < start_wait_; waited += 10) {
-    int status;
-    if (waitpid(pid_, &status, WNOHANG) == pid_) {
-      pid_ = -1;
-      exit_status_ = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-      return false;
-    }
-    Connection probe(port_);
-    if (probe.connected()) {
-      // The probe closes without a request; the daemon drops it silently.
-      return true;
-    }
-    usleep(10000);
-  }
-  return false;
+  // The probe closes without a request; the daemon drops it silently.
+  return eventually([&] { return reaped() || Connection(port_).connected(); }, start_wait_) && pid_ > 0;
 }
 
 int Daemon::wait_exit(int milliseconds) {
-  for (int waited = 0; waited <= milliseconds; waited += 10) {
-    int status;
-    if (waitpid(pid_, &status, WNOHANG) == pid_) {
-      pid_ = -1;
-      exit_status_ = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-      return exit_status_;
-    }
-    usleep(10000);
-  }
-  return -1;
+  return eventually([&] { return reaped(); }, milliseconds) ? exit_status_ : -1;
 }
 
 void Daemon::signal(int signal_number) { kill(pid_, signal_number); }
@@ -128,19 +128,25 @@ void Daemon::behave(const std::string& name, const std::string& directives) {
 }
 
 std::string Daemon::key_of(const std::string& name) {
-  DIR* data = opendir(path("data").c_str());
-  if (data == nullptr) return "";
-  std::string found;
-  while (dirent* entry = readdir(data)) {
-    if (entry->d_name[0] == '.') continue;
-    if (read_file(path("data/") + entry->d_name + "/serv/name") == name) found = entry->d_name;
-  }
-  closedir(data);
-  return found;
+  for (const std::string& key : entries(path("data")))
+    if (key[0] != '.' && read_file(path("data/" + key + "/serv/name")) == name) return key;
+  return "";
 }
 
 std::string Daemon::log_of_stack(const std::string& name) {
   return read_file(path("runenv/test-log/" + key_of(name) + ".log"));
+}
+
+bool Daemon::wait_ready(const std::string& name) {
+  return eventually([&] { return contains(log_of_stack(name), "ready"); });
+}
+
+std::vector<pid_t> Daemon::starts_of(const std::string& name) {
+  std::string log = log_of_stack(name);
+  std::vector<pid_t> pids;
+  for (size_t at = log.find("start pid="); at != std::string::npos; at = log.find("start pid=", at + 1))
+    pids.push_back(atoi(log.c_str() + at + 10));
+  return pids;
 }
 
 }  // namespace e2e

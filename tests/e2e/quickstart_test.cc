@@ -3,18 +3,14 @@
 #include <gtest/gtest.h>
 
 #include <csignal>
-#include <fcntl.h>
-#include <functional>
-#include <poll.h>
+#include <cstdlib>
 #include <string>
-#include <sys/stat.h>
 #include <sys/wait.h>
-#include <unistd.h>
 #include <vector>
 
 #include "tests/e2e/daemon.h"
 
-using e2e::Daemon;
+using namespace e2e;
 
 namespace {
 
@@ -25,58 +21,13 @@ struct Outcome {
 
 // Runs appsrvctl against the daemon with `input` on its standard input.
 Outcome appsrvctl(const Daemon& daemon, const std::vector<std::string>& arguments, const std::string& input = "") {
-  int in[2], out[2], err[2];
-  if (pipe2(in, O_CLOEXEC) != 0 || pipe2(out, O_CLOEXEC) != 0 || pipe2(err, O_CLOEXEC) != 0) return {};
-  pid_t pid = fork();
-  if (pid == 0) {
-    dup2(in[0], 0);
-    dup2(out[1], 1);
-    dup2(err[1], 2);
-    std::string address = "APPSRV_ADDRESS=127.0.0.1:" + std::to_string(daemon.port());
-    putenv(address.data());
-    std::vector<char*> argv{const_cast<char*>(APPSRVCTL_BINARY)};
-    for (const std::string& argument : arguments) argv.push_back(const_cast<char*>(argument.c_str()));
-    argv.push_back(nullptr);
-    execv(APPSRVCTL_BINARY, argv.data());
-    _exit(127);
-  }
-  close(in[0]);
-  close(out[1]);
-  close(err[1]);
-  if (!input.empty()) (void)!write(in[1], input.data(), input.size());
-  close(in[1]);
-  Outcome run;
-  pollfd fds[2] = {{out[0], POLLIN, 0}, {err[0], POLLIN, 0}};
-  for (int open = 2; open > 0 && poll(fds, 2, 20000) > 0;) {
-    for (int i = 0; i < 2; ++i) {
-      if (fds[i].revents == 0) continue;
-      char chunk[4096];
-      ssize_t got = read(fds[i].fd, chunk, sizeof chunk);
-      if (got <= 0) {
-        fds[i].fd = -1;
-        --open;
-      } else {
-        (i == 0 ? run.out : run.err).append(chunk, static_cast<size_t>(got));
-      }
-    }
-  }
-  close(out[0]);
-  close(err[0]);
-  int status = 0;
-  waitpid(pid, &status, 0);
-  run.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-  return run;
+  write_file(daemon.path("ctl.in"), input);
+  std::string command = "APPSRV_ADDRESS=127.0.0.1:" + std::to_string(daemon.port()) + " timeout 30 " APPSRVCTL_BINARY;
+  for (const std::string& argument : arguments) command += " '" + argument + "'";
+  std::string files = daemon.path("ctl");
+  int status = system((command + " <" + files + ".in >" + files + ".out 2>" + files + ".err").c_str());
+  return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, read_file(files + ".out"), read_file(files + ".err")};
 }
-
-bool eventually(const std::function<bool()>& condition, int milliseconds = 5000) {
-  for (int waited = 0; waited < milliseconds; waited += 20) {
-    if (condition()) return true;
-    usleep(20000);
-  }
-  return condition();
-}
-
-bool contains(const std::string& text, const std::string& part) { return text.find(part) != std::string::npos; }
 
 const std::string kExample = std::string(APPSRV_SOURCE_DIR) + "/examples/hello.sh";
 
@@ -98,8 +49,8 @@ TEST_F(Quickstart, UploadSelectRenameDelete) {
   EXPECT_EQ(session.out, "hello from hello\nhello: hi there\nbye\n");
 
   EXPECT_EQ(appsrvctl(daemon_, {"rename", "hello", "greeter"}).status, 0);
-  Outcome renamed = appsrvctl(daemon_, {"select", "greeter"}, "quit\n");
-  EXPECT_EQ(renamed.out, "hello from greeter\nbye\n") << "a later handler sees the new name";
+  EXPECT_EQ(appsrvctl(daemon_, {"select", "greeter"}, "quit\n").out, "hello from greeter\nbye\n")
+      << "a later handler sees the new name";
 
   EXPECT_EQ(appsrvctl(daemon_, {"delete", "greeter"}).status, 0);
   EXPECT_EQ(appsrvctl(daemon_, {"list"}).out, "");
@@ -107,9 +58,8 @@ TEST_F(Quickstart, UploadSelectRenameDelete) {
 }
 
 TEST_F(Quickstart, AnInvalidImageIsRefusedAndItsStackRemoved) {
-  std::string text = daemon_.path("notes.txt");
-  e2e::write_file(text, "just some text\n");
-  Outcome upload = appsrvctl(daemon_, {"upload", "notes", text});
+  write_file(daemon_.path("notes.txt"), "just some text\n");
+  Outcome upload = appsrvctl(daemon_, {"upload", "notes", daemon_.path("notes.txt")});
   EXPECT_EQ(upload.status, 1);
   EXPECT_TRUE(contains(upload.err, "invalid image")) << upload.err;
   // The deploying runtime exits without the deployed marker; supervision
