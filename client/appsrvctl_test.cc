@@ -39,7 +39,7 @@ Request parse_request(const socket_message& message) {
   auto* root = REQ(root_t___allocate_f)(arena);
   std::string bytes(static_cast<const char*>(message.data), message.size);
   int parsed = parse_with(&REQ(parse_bin_f), arena, root, bytes);
-  EXPECT_EQ(parsed, 0) << reason_of(root);
+  EXPECT_EQ(parsed, 0) << (root->failure_reason != nullptr ? root->failure_reason : "");
   auto text = [](const message_text& field) { return " " + std::string(field.text, field.length); };
   void* payload = root->type.payload;
   Request request;
