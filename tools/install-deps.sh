@@ -1,10 +1,15 @@
 #!/usr/bin/env bash
-# Installs the Debian packages the build needs, only those that are missing.
-# Usage: tools/install-deps.sh [--fuzz]   (--fuzz adds clang for the fuzz target)
+# Installs the Debian packages appsrv needs, only those that are missing, and
+# without the packages they merely recommend.
+# Usage: tools/install-deps.sh [--test]
+#   (none)   what building the daemon, the runtime and the client needs
+#   --test   also what the tests, the benchmarks and the fuzz target need
 set -euo pipefail
 
-packages=(cmake ninja-build g++ libgtest-dev libbenchmark-dev)
-[[ "${1:-}" == "--fuzz" ]] && packages+=(clang libclang-rt-14-dev)
+packages=(cmake ninja-build g++)
+if [[ "${1:-}" == "--test" ]]; then
+  packages+=(libgtest-dev libbenchmark-dev clang libclang-rt-14-dev)
+fi
 
 missing=()
 for package in "${packages[@]}"; do
@@ -15,11 +20,12 @@ done
 run_as_root=()
 if [[ $(id -u) -ne 0 ]]; then
   if ! command -v sudo >/dev/null; then
-    echo "install-deps: please install as root: apt-get install -y ${missing[*]}" >&2
+    echo "install-deps: please install as root: apt-get install -y --no-install-recommends ${missing[*]}" >&2
     exit 1
   fi
   run_as_root=(sudo)
 fi
 export DEBIAN_FRONTEND=noninteractive
-"${run_as_root[@]}" apt-get update
-"${run_as_root[@]}" apt-get install -y "${missing[@]}"
+echo "install-deps: installing ${missing[*]}"
+"${run_as_root[@]}" apt-get update -q
+"${run_as_root[@]}" apt-get install -y -q --no-install-recommends "${missing[@]}"
