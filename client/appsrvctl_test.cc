@@ -265,12 +265,12 @@ TEST(Appsrvctl, OutcomesEndWithTheirStatusAndForceForgivesAnUnknownName) {
       {{{kFailure, {"unknown name"}}}, {"rm", "--force", "gone"}, {}, 0, "", "@delete 'gone': already gone\n",
        "delete gone"},
       {{{kEmpty}}, {"delete", "app"}, {}, 0, "", "@delete 'app': deleted\n", "delete app"},
-      {{{kEmpty}}, {"delete", "tab\there"}, {}, 1, "", "@delete 'tab\\x09here': invalid name\n", ""},
+      {{{kEmpty}}, {"delete", "tab\there"}, {}, 1, "", "appsrvctl: delete 'tab\\x09here': invalid name\n", ""},
       {{{kFailure, {"spawn child"}}}, {"select", "x"}, {}, 1, "", "@select 'x': spawn child\n", "select x"},
       {{{kFailure, {"duplicate name"}}}, {"rename", "dup", "b"}, {}, 4, "", "@rename 'dup' to 'b': duplicate name\n",
        "rename dup b"},
       {{{kEmpty}}, {"rename", "ok", std::string(1024, 'n')}, {}, 1, "",
-       "@rename 'ok' to '" + std::string(1024, 'n') + "': invalid new name\n", ""},
+       "appsrvctl: rename 'ok' to '" + std::string(1024, 'n') + "': invalid new name\n", ""},
       // The renamed stack takes the connection over; nothing is sent to it.
       {{{kUpgrade}}, {"rename", "old", "new"}, {"must not be sent\n"}, 0, "", "@rename 'old' to 'new': renamed\n",
        "rename old new"},
@@ -336,7 +336,9 @@ TEST(Appsrvctl, UnreachableOrSilentDaemonsEndWithStatusFiveWithinTheTimeout) {
   std::string gone = FakeDaemon({Reply(kEmpty)}).address();
   Outcome refused = run({"--address", gone, "ls"});
   EXPECT_EQ(refused.status, 5);
-  EXPECT_EQ(refused.err, "appsrvctl: " + gone + ": list: cannot connect: Connection refused\n");
+  EXPECT_EQ(refused.err, "appsrvctl: " + gone + ": list: cannot connect: Connection refused\n"
+                         "appsrvctl: hint: no daemon is listening there; start one with tools/run-daemon.sh (or "
+                         "systemctl start appsrv), or give the address of a running one with --address\n");
 
   // A listener with a full queue drops further connection attempts, so
   // connect would wait for the kernel's retries.

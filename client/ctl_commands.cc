@@ -14,6 +14,16 @@ void ctl_report(const ctl_options* options, const char* format, ...) {
   fflush(stderr);
 }
 
+void ctl_report_local(const char* format, ...) {
+  fputs("appsrvctl: ", stderr);
+  va_list arguments;
+  va_start(arguments, format);
+  vfprintf(stderr, format, arguments);
+  va_end(arguments);
+  fputc('\n', stderr);
+  fflush(stderr);
+}
+
 std::string ctl_quote(const char* name) { return "'" + ctl_terminal_escape(name) + "'"; }
 
 int ctl_exchange(const ctl_options* options, const std::string& what, const std::string& request,
@@ -25,7 +35,12 @@ int ctl_exchange(const ctl_options* options, const std::string& what, const std:
   if (result == 0) result = ctl_receive_reply(&sock, options->timeout_ms, reply, &fault);
   socket_close(&sock);
   if (result == 0) return 0;
+  return ctl_report_fault(options, what, fault);
+}
+
+int ctl_report_fault(const ctl_options* options, const std::string& what, const ctl_fault& fault) {
   ctl_report(options, "%s: %s", what.c_str(), fault.text.c_str());
+  if (!fault.hint.empty()) fprintf(stderr, "appsrvctl: hint: %s\n", fault.hint.c_str());
   return fault.status;
 }
 
@@ -68,7 +83,7 @@ int ctl_run_delete(const ctl_options* options) {
   const char* name = options->operands[0];
   std::string what = "delete " + ctl_quote(name);
   if (!ctl_name_valid(name)) {
-    ctl_report(options, "%s: invalid name", what.c_str());
+    ctl_report_local("%s: invalid name", what.c_str());
     return CTL_FAILED;
   }
   ctl_reply reply{};
@@ -90,11 +105,11 @@ int ctl_run_rename(const ctl_options* options) {
   const char* new_name = options->operands[1];
   std::string what = "rename " + ctl_quote(old_name) + " to " + ctl_quote(new_name);
   if (!ctl_name_valid(old_name)) {
-    ctl_report(options, "%s: invalid old name", what.c_str());
+    ctl_report_local("%s: invalid old name", what.c_str());
     return CTL_FAILED;
   }
   if (!ctl_name_valid(new_name)) {
-    ctl_report(options, "%s: invalid new name", what.c_str());
+    ctl_report_local("%s: invalid new name", what.c_str());
     return CTL_FAILED;
   }
   ctl_reply reply{};

@@ -28,6 +28,16 @@ int fail(ctl_fault* fault, ctl_status status, std::string text) {
   return -1;
 }
 
+// A refused connection almost always means that no daemon runs at that
+// address, which the system's text alone does not tell a new user.
+int fail_to_connect(ctl_fault* fault, int error) {
+  fail(fault, CTL_UNREACHABLE, std::string("cannot connect: ") + strerror(error));
+  if (error == ECONNREFUSED)
+    fault->hint = "no daemon is listening there; start one with tools/run-daemon.sh (or systemctl start appsrv), "
+                  "or give the address of a running one with --address";
+  return -1;
+}
+
 // Builds the tree for one request; refusals of the setters cannot happen on a
 // fresh root, but the recovery point catches them all the same.
 void build_request(dympage* arena, request_root* root, ctl_command command, const char* first, const char* second,
@@ -139,7 +149,7 @@ int ctl_connect(const ctl_address* address, uint32_t timeout_ms, socket_record* 
   if (result != 0 && errno != EINPROGRESS) {
     int error = errno;
     close(descriptor);
-    return fail(fault, CTL_UNREACHABLE, std::string("cannot connect: ") + strerror(error));
+    return fail_to_connect(fault, error);
   }
   if (result != 0) {
     int ready = ctl_wait(descriptor, POLLOUT, timeout_ms);
@@ -153,7 +163,7 @@ int ctl_connect(const ctl_address* address, uint32_t timeout_ms, socket_record* 
     if (getsockopt(descriptor, SOL_SOCKET, SO_ERROR, &error, &length) != 0) error = errno;
     if (error != 0) {
       close(descriptor);
-      return fail(fault, CTL_UNREACHABLE, std::string("cannot connect: ") + strerror(error));
+      return fail_to_connect(fault, error);
     }
   }
   // Adopting makes the descriptor blocking again.
