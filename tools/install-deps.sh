@@ -1,15 +1,22 @@
 #!/usr/bin/env bash
 # Installs the Debian packages appsrv needs, only those that are missing, and
 # without the packages they merely recommend.
-# Usage: tools/install-deps.sh [--test]
-#   (none)   what building the daemon, the runtime and the client needs
-#   --test   also what the tests, the benchmarks and the fuzz target need
+# Usage: tools/install-deps.sh [--package | --test]
+#   (none)     what building the daemon, the runtime and the client needs
+#   --package  also what making the Debian package needs
+#   --test     also what the tests, the benchmarks and the fuzz target need,
+#              the package's included (the tests make and install it)
 set -euo pipefail
 
 packages=(cmake ninja-build g++)
-if [[ "${1:-}" == "--test" ]]; then
-  packages+=(libgtest-dev libbenchmark-dev clang libclang-rt-14-dev)
-fi
+package_packages=(scdoc dpkg-dev lintian)
+test_packages=(libgtest-dev libbenchmark-dev clang libclang-rt-14-dev)
+case "${1:-}" in
+  "") ;;
+  --package) packages+=("${package_packages[@]}") ;;
+  --test) packages+=("${package_packages[@]}" "${test_packages[@]}") ;;
+  *) echo "usage: tools/install-deps.sh [--package | --test]" >&2; exit 2 ;;
+esac
 
 missing=()
 for package in "${packages[@]}"; do

@@ -1,15 +1,16 @@
 #!/usr/bin/env bash
 # Builds and runs every test: the optimised build, the sanitizer build
-# (AddressSanitizer + UndefinedBehaviorSanitizer) and the request parser's
-# fuzz target, then prints one "N passed, N failed" line per step and one
+# (AddressSanitizer + UndefinedBehaviorSanitizer), the request parser's fuzz
+# target and the Debian package (made, reviewed by lintian, installed, used
+# and purged), then prints one "N passed, N failed" line per step and one
 # for all of them. Every step runs even when an earlier one failed; the exit
 # status is 0 only when nothing failed.
-# Usage: tools/test.sh [step...]   (default: default sanitize fuzz)
+# Usage: tools/test.sh [step...]   (default: default sanitize fuzz package)
 set -uo pipefail
 cd "$(dirname "$0")/.."
 
 steps=("$@")
-((${#steps[@]})) || steps=(default sanitize fuzz)
+((${#steps[@]})) || steps=(default sanitize fuzz package)
 
 tools/install-deps.sh --test || exit 1
 
@@ -19,6 +20,13 @@ trap 'rm -rf "$logs"' EXIT
 # Runs one step with its output shown and kept; sets `passed` and `failed`.
 run_step() {
   local step=$1 log=$logs/$1 status
+  if [[ "$step" == package ]]; then
+    tools/package-test.sh 2>&1 | tee "$log"
+    status=${PIPESTATUS[0]}
+    passed=$(grep -c '^ok ' "$log") failed=$(grep -c '^not ok ' "$log")
+    ((status == 0 || failed > 0)) || failed=1
+    return
+  fi
   if [[ "$step" == fuzz ]]; then
     protocol/fuzz/run.sh 2>&1 | tee "$log"
     status=${PIPESTATUS[0]}
