@@ -4,24 +4,31 @@
 #include <cstdio>
 #include <unistd.h>
 
-void ctl_report(const ctl_options* options, const char* format, ...) {
-  fprintf(stderr, "appsrvctl: %s: ", options->address.display);
-  va_list arguments;
-  va_start(arguments, format);
+namespace {
+
+// One message line on standard error: "appsrvctl: ", the place (the daemon's
+// address, or nothing), then the text.
+void vreport(const char* place, const char* format, va_list arguments) {
+  fprintf(stderr, "appsrvctl: %s%s", place, place[0] != '\0' ? ": " : "");
   vfprintf(stderr, format, arguments);
-  va_end(arguments);
   fputc('\n', stderr);
   fflush(stderr);
 }
 
-void ctl_report_local(const char* format, ...) {
-  fputs("appsrvctl: ", stderr);
+}  // namespace
+
+void ctl_report(const ctl_options* options, const char* format, ...) {
   va_list arguments;
   va_start(arguments, format);
-  vfprintf(stderr, format, arguments);
+  vreport(options->address.display, format, arguments);
   va_end(arguments);
-  fputc('\n', stderr);
-  fflush(stderr);
+}
+
+void ctl_report_local(const char* format, ...) {
+  va_list arguments;
+  va_start(arguments, format);
+  vreport("", format, arguments);
+  va_end(arguments);
 }
 
 std::string ctl_quote(const char* name) { return "'" + ctl_terminal_escape(name) + "'"; }
