@@ -43,14 +43,15 @@ Request parse_request(const socket_message& message) {
   auto text = [](const message_text& field) { return " " + std::string(field.text, field.length); };
   void* payload = root->type.payload;
   Request request;
-  // The variants: 0 delete, 1 list, 2 rename, 3 select, 4 upload.
   uint32_t tag = parsed == 0 && root->type.set ? root->type.tag : 99;
-  if (tag == 1) request.what = "list";
-  if (tag == 0) request.what = "delete" + text(static_cast<REQ(root___type___delete_t)*>(payload)->stack_name);
-  if (tag == 3) request.what = "select" + text(static_cast<REQ(root___type___select_t)*>(payload)->stack_name);
-  if (auto* rename = static_cast<REQ(root___type___rename_t)*>(payload); tag == 2)
+  if (tag == REQ(root_t___type___tag___list)) request.what = "list";
+  if (tag == REQ(root_t___type___tag___delete))
+    request.what = "delete" + text(static_cast<REQ(root___type___delete_t)*>(payload)->stack_name);
+  if (tag == REQ(root_t___type___tag___select))
+    request.what = "select" + text(static_cast<REQ(root___type___select_t)*>(payload)->stack_name);
+  if (auto* rename = static_cast<REQ(root___type___rename_t)*>(payload); tag == REQ(root_t___type___tag___rename))
     request.what = "rename" + text(rename->old_name) + text(rename->new_name);
-  if (auto* upload = static_cast<REQ(root___type___upload_t)*>(payload); tag == 4) {
+  if (auto* upload = static_cast<REQ(root___type___upload_t)*>(payload); tag == REQ(root_t___type___tag___upload)) {
     request.what = "upload" + text(upload->stack_name);
     request.image_size = upload->image_size.value;
   }

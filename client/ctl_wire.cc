@@ -85,18 +85,18 @@ void build_request(dympage* arena, request_root* root, ctl_command command, cons
 
 void read_reply(const reply_root* root, ctl_reply* reply) {
   *reply = ctl_reply{};
-  if (root->status.tag == 0) {
+  if (root->status.tag == image___appsrv_protocol_reply___root_t___status___tag___failure) {
     auto* failure = static_cast<const reply_failure*>(root->status.payload);
     reply->kind = CTL_REPLY_FAILURE;
     reply->reason.assign(failure->reason.text, failure->reason.length);
     return;
   }
-  if (root->status.tag == 2) {
+  if (root->status.tag == image___appsrv_protocol_reply___root_t___status___tag___upgrade) {
     reply->kind = CTL_REPLY_UPGRADE;
     return;
   }
   auto* success = static_cast<const reply_success*>(root->status.payload);
-  if (success->type.tag == 1) {
+  if (success->type.tag == image___appsrv_protocol_reply___root___status___success_t___type___tag___empty) {
     reply->kind = CTL_REPLY_EMPTY;
     return;
   }
@@ -115,7 +115,7 @@ void read_reply(const reply_root* root, ctl_reply* reply) {
 // A reply whose variants a reader can follow: every variant on the path set.
 bool reply_complete(const reply_root* root) {
   if (!root->status.set) return false;
-  if (root->status.tag != 1) return true;
+  if (root->status.tag != image___appsrv_protocol_reply___root_t___status___tag___success) return true;
   return static_cast<const reply_success*>(root->status.payload)->type.set != 0;
 }
 
