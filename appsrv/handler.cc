@@ -2,11 +2,13 @@
 
 #include <cstdlib>
 #include <sys/socket.h>
-#include <unistd.h>
+#include <sys/time.h>
 
+#include "appsrv/upload.h"
 #include "base/runtime.h"
 #include "protocol/appsrv_protocol_reply/appsrv_protocol_reply.h"
 #include "protocol/appsrv_protocol_request/appsrv_protocol_request.h"
+#include "protocol/bigendian.h"
 #include "stackman/stackman.h"
 
 namespace {
@@ -17,29 +19,29 @@ using success_t = image___appsrv_protocol_reply___root___status___success_t;
 
 enum : uint32_t { kDelete = 0, kList = 1, kRename = 2, kSelect = 3, kUpload = 4 };
 
-// One stalled client must not hold the daemon for long: every receive on a
-// management connection gives up after this long without progress.
-constexpr int kReceiveTimeoutSeconds = 30;
-// How long a refused upload may go on arriving before the connection closes.
-constexpr int kRefusalLingerSeconds = 1;
+// The request frame as it waits in the connection, looked at but not taken.
+uint8_t frame_view[4 + socket_message_max];
 
-// The option belongs to the connection itself, which a stack shares once it
-// is handed over: the stack gets it back without a time-out.
-void set_receive_timeout(socket_record* connection, int seconds) {
-  timeval timeout{seconds, 0};
-  setsockopt(connection->descriptor, SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof timeout);
+// Waits until the whole request frame is queued on the connection, so that a
+// client sending it slowly cannot hold the daemon past the deadline; the
+// framed receive then finds every byte there. False when the deadline passes
+// first, or the stream fails or ends before the frame is whole. A length the
+// framing refuses is left for the framed receive to refuse.
+bool whole_frame_by(socket_record* connection, int64_t deadline) {
+  uint64_t need = 4;
+  for (;;) {
+    int64_t left = deadline - runtime_getclock();
+    if (left <= 0) return false;
+    set_receive_timeout(connection, left);
+    // On TCP a peek waits for all it asks for, within the time-out.
+    ssize_t got = recv(connection->descriptor, frame_view, need, MSG_PEEK | MSG_WAITALL);
+    if (got < 0 || static_cast<uint64_t>(got) < need) return false;
+    if (need > 4) return true;
+    uint32_t length = bigendian_load32(frame_view);
+    if (length == 0 || length > socket_message_max) return true;
+    need += length;
+  }
 }
-
-// An upload is held whole in memory; one larger than half of the machine's
-// memory is refused before a byte of it is read.
-uint64_t largest_image() {
-  long pages = sysconf(_SC_PHYS_PAGES);
-  long page_size = sysconf(_SC_PAGE_SIZE);
-  if (pages <= 0 || page_size <= 0) return UINT64_MAX;
-  return static_cast<uint64_t>(pages) * static_cast<uint64_t>(page_size) / 2;
-}
-
-const char* text_of(const message_text& field) { return field.text != nullptr ? field.text : ""; }
 
 // Serializes a built reply into one frame on the connection; nothing is sent
 // when serializing fails. The result of the send is not looked at: a client
@@ -89,7 +91,8 @@ void reply_list(socket_record* connection, dympage* arena) {
 
 // Receives and parses the one request of the connection; any failure goes
 // back to the recovery point with its reason in the root.
-void read_request(socket_record* connection, dympage* arena, request_t* request) {
+void read_request(socket_record* connection, dympage* arena, request_t* request, int64_t deadline) {
+  if (!whole_frame_by(connection, deadline)) message_recover(request, "request frame not in time");
   socket_message message{};
   if (socket_msg_recv(connection, nullptr, &message) != 0) message_recover(request, socket_strerror(connection));
   if (message.size == 0) message_recover(request, "end-of-stream");
@@ -132,51 +135,14 @@ void handle_select(socket_record* connection, dympage* reply_arena, const char* 
   hand_over(connection, reply_arena, stack);
 }
 
-// The refused image still travels towards us: stop sending, give the client a
-// moment to take the reply, and drop what arrives, so that closing with
-// unread data does not reset the connection before the reply is read.
-void refuse_image(socket_record* connection, dympage* reply_arena, const char* reason) {
-  reply_failure(connection, reply_arena, reason);
-  if (!socket_is_alive(connection)) return;
-  shutdown(connection->descriptor, SHUT_WR);
-  set_receive_timeout(connection, kRefusalLingerSeconds);
-  char discard[4096];
-  int64_t deadline = runtime_getclock() + kRefusalLingerSeconds * 1000;
-  while (runtime_getclock() < deadline && socket_is_alive(connection)) {
-    uint64_t size = sizeof discard;
-    if (socket_raw_recv(connection, discard, &size) != 0) break;
-  }
-}
-
-// Reads exactly `size` raw bytes that follow the request frame.
-bool read_image(socket_record* connection, uint8_t* image, uint64_t size) {
-  uint64_t received = 0;
-  while (received < size) {
-    uint64_t chunk = size - received;
-    if (socket_raw_recv(connection, image + received, &chunk) != 0) return false;
-    received += chunk;
-  }
-  return true;
-}
-
-void handle_upload(socket_record* connection, dympage* request_arena, dympage* reply_arena,
-                   const image___appsrv_protocol_request___root___type___upload_t* upload) {
-  uint64_t size = upload->image_size.set ? static_cast<uint64_t>(upload->image_size.value) : 0;
-  if (size > largest_image()) return refuse_image(connection, reply_arena, "image too large");
-  auto* image = static_cast<uint8_t*>(dympage_try_alloc(request_arena, size, 1));
-  if (image == nullptr) return refuse_image(connection, reply_arena, "image too large");
-  if (!read_image(connection, image, size)) return reply_failure(connection, reply_arena, "image could not be loaded");
-  // The whole image is read before the name is looked at, so the client's
-  // transfer always completes.
-  const char* name = text_of(upload->stack_name);
-  if (stackman_validate_name(name) != 0) return reply_failure(connection, reply_arena, "invalid name");
-  if (stackman_get(name) != nullptr) return reply_failure(connection, reply_arena, "duplicate name");
-  set_receive_timeout(connection, 0);
-  if (stackman_stack_allocate(name, image, size, connection) == nullptr)
-    reply_failure(connection, reply_arena, stackman_strerror());
-}
-
 }  // namespace
+
+appsrv_limits appsrv_receive_limits = {30000, 30000, 60000, uint64_t{1} << 20};
+
+void set_receive_timeout(socket_record* connection, int64_t milliseconds) {
+  timeval timeout{static_cast<time_t>(milliseconds / 1000), static_cast<suseconds_t>(milliseconds % 1000 * 1000)};
+  setsockopt(connection->descriptor, SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof timeout);
+}
 
 void reply_failure(socket_record* connection, dympage* reply_arena, const char* reason) {
   reply_t* reply = image___appsrv_protocol_reply___root_t___allocate_f(reply_arena);
@@ -191,13 +157,14 @@ void reply_failure(socket_record* connection, dympage* reply_arena, const char* 
 }
 
 void handle_request(socket_record* connection, dympage* request_arena, dympage* reply_arena) {
-  set_receive_timeout(connection, kReceiveTimeoutSeconds);
+  int64_t deadline = runtime_getclock() + appsrv_receive_limits.request_ms;
   request_t* request = image___appsrv_protocol_request___root_t___allocate_f(request_arena);
   try {
-    read_request(connection, request_arena, request);
+    read_request(connection, request_arena, request, deadline);
   } catch (const message_recovery&) {
     return;  // no reply and no log line: the connection is simply closed
   }
+  set_receive_timeout(connection, appsrv_receive_limits.silence_ms);
   // A tag beyond the last request leaves the variant unset: ignored.
   if (!request->type.set || request->type.tag > kUpload) return;
   void* payload = request->type.payload;
@@ -217,8 +184,7 @@ void handle_request(socket_record* connection, dympage* request_arena, dympage* 
                     text_of(static_cast<image___appsrv_protocol_request___root___type___select_t*>(payload)->stack_name));
       break;
     case kUpload:
-      handle_upload(connection, request_arena, reply_arena,
-                    static_cast<image___appsrv_protocol_request___root___type___upload_t*>(payload));
+      handle_upload(connection, reply_arena, static_cast<upload_request*>(payload));
       break;
   }
 }

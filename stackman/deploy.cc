@@ -1,8 +1,14 @@
 // Deployment: an uploaded image becomes a new stack with its key, its two
 // directories, its name-tag and image, and a deploying job that inherits the
-// client's connection and answers the client itself. The store is built under
-// a hidden staging name and renamed to its key once complete and synced, so
-// a crash at any moment leaves either a whole store or none under the key.
+// client's connection and answers the client itself.
+//
+// The image is staged while it arrives: each piece goes into the image file
+// of a hidden staging store and into the key's digest in the same pass, and
+// its write-back starts at once. Once the last byte is in, the key is made,
+// the name-tag written, everything synced and the staging store renamed to
+// its key, so a crash at any moment leaves either a whole store or none under
+// the key.
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -10,6 +16,8 @@
 #include <ctime>
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <sys/statvfs.h>
+#include <unistd.h>
 
 #include "base/fs.h"
 #include "base/hash.h"
@@ -18,19 +26,42 @@
 
 namespace {
 
+// Free space an upload may not take, so that a full-size image never leaves
+// the stacks' own stores without room to work.
+constexpr uint64_t kReserveMinimum = uint64_t{64} << 20;
+constexpr uint64_t kReservePercent = 1;
+
+// The staging store with an empty image file, open for writing; the failure's
+// text, or null.
+const char* open_staging(stackman_image* image) {
+  bucket staging = stackman_staging_path();
+  if (fs_mkdir(&staging) != 0) {
+    bucket_release(&staging);
+    return "mkdir store path";
+  }
+  image->staging_path = staging;
+  bucket file = fs_copy(&staging);
+  fs_join(&file, "serv");
+  fs_mkdir(&file);  // a failure shows when the image file is made
+  fs_join(&file, "image");
+  image->descriptor = open(bucket_cstring(&file), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
+  bucket_release(&file);
+  return image->descriptor < 0 ? "store image" : nullptr;
+}
+
+void close_image_file(stackman_image* image) {
+  if (image->descriptor >= 0) close(image->descriptor);
+  image->descriptor = -1;
+}
+
 // The key digests the time, the name, the image and a random value, so two
-// uploads of one image under two names in the same second still differ.
-void make_key(const char* name, const void* image, uint64_t image_size) {
-  hash_context context;
-  hash_open(&context, HASH_SHA256);
-  time_t now = time(nullptr);
-  hash_write(&context, &now, sizeof now);
-  hash_write(&context, name, strlen(name));
-  hash_write(&context, image, image_size);
+// uploads of one image under two names in the same second still differ. The
+// time and the name went in before the first image byte.
+void make_key(stackman_image* image) {
   int random_value = rand();
-  hash_write(&context, &random_value, sizeof random_value);
+  hash_write(&image->digest, &random_value, sizeof random_value);
   uint8_t digest[HASH_SHA256_SIZE];
-  hash_close(&context, digest);
+  hash_close(&image->digest, digest);
   hash_maphex(HASH_SHA256, digest, stackman_state.key_text);
 }
 
@@ -38,37 +69,35 @@ void make_key(const char* name, const void* image, uint64_t image_size) {
 // what it made itself, never a directory that was already there.
 struct made_paths {
   bool stack_dir;
-  bool build_dir;  // the staging directory, or the store itself when built in place
-  bool store_dir;  // the staging directory has become the store
+  bool store_dir;  // the staging store has become the store
 };
 
-stackman_stack* abandon(stackman_stack* stack, bucket* build, made_paths made, const char* error) {
-  if (made.build_dir) fs_remove_recursive(build);
+stackman_stack* abandon(stackman_stack* stack, stackman_image* image, made_paths made, const char* error) {
+  stackman_image_discard(image);
   if (made.store_dir) stackman_remove_hidden(&stack->store_path, &stackman_state.data_root, stack->key);
   if (made.stack_dir) stackman_remove_hidden(&stack->stack_path, &stackman_state.stacks_root, stack->key);
-  bucket_release(build);
   stackman_stack_free(stack);
   stackman_set_error(error);
   return nullptr;
 }
 
-// Name-tag and image, each written whole and synced, then their directories
+// The image synced, the name-tag written and synced, then their directories
 // synced, so that the rename that publishes the store publishes all of it.
-const char* fill_store(bucket* build, stackman_stack* stack, const void* image, uint64_t image_size) {
-  bucket serv = fs_copy(build);
+const char* finish_store(stackman_image* image, stackman_stack* stack) {
+  int descriptor = image->descriptor;
+  image->descriptor = -1;
+  bool synced = stackman_sync_descriptor(descriptor) == 0;
+  if (close(descriptor) != 0 && errno != EINTR) synced = false;
+  if (!synced) return "store image";
+  bucket serv = fs_copy(&image->staging_path);
   fs_join(&serv, "serv");
-  fs_mkdir(&serv);  // a failure shows when the name-tag is written
-  bucket file = fs_copy(&serv);
-  fs_join(&file, "name");
+  bucket tag = fs_copy(&serv);
+  fs_join(&tag, "name");
   const char* error = nullptr;
-  if (stackman_write_durable(&file, stack->name, strlen(stack->name)) != 0) error = "store name-tag";
-  bucket_release(&file);
-  file = fs_copy(&serv);
-  fs_join(&file, "image");
-  if (error == nullptr && stackman_write_durable(&file, image, image_size) != 0) error = "store image";
-  bucket_release(&file);
-  if (error == nullptr && (stackman_sync_directory(&serv) != 0 || stackman_sync_directory(build) != 0))
+  if (stackman_write_durable(&tag, stack->name, strlen(stack->name)) != 0) error = "store name-tag";
+  if (error == nullptr && (stackman_sync_directory(&serv) != 0 || stackman_sync_directory(&image->staging_path) != 0))
     error = "store image";
+  bucket_release(&tag);
   bucket_release(&serv);
   return error;
 }
@@ -80,32 +109,73 @@ bool entry_exists(bucket* path) {
 
 // Moves the finished store under its key; a key that is taken by then (by
 // anything) is left as it is.
-int publish(bucket* build, stackman_stack* stack) {
-  if (renameat2(AT_FDCWD, bucket_cstring(build), AT_FDCWD, bucket_cstring(&stack->store_path), RENAME_NOREPLACE) != 0)
+int publish(stackman_image* image, stackman_stack* stack) {
+  if (renameat2(AT_FDCWD, bucket_cstring(&image->staging_path), AT_FDCWD, bucket_cstring(&stack->store_path),
+                RENAME_NOREPLACE) != 0)
     return -1;
+  bucket_release(&image->staging_path);
   stackman_sync_directory(&stackman_state.data_root);
   return 0;
 }
 
 }  // namespace
 
-stackman_stack* stackman_stack_allocate(const char* name, const void* image, uint64_t image_size,
-                                        socket_record* connection) {
-  make_key(name, image, image_size);
+uint64_t stackman_image_room() {
+  struct statvfs info;
+  if (statvfs(bucket_cstring(&stackman_state.data_root), &info) != 0) return UINT64_MAX;
+  uint64_t free_bytes = static_cast<uint64_t>(info.f_bavail) * info.f_frsize;
+  uint64_t size = static_cast<uint64_t>(info.f_blocks) * info.f_frsize;
+  uint64_t reserve = std::max(size / 100 * kReservePercent, kReserveMinimum);
+  return free_bytes > reserve ? free_bytes - reserve : 0;
+}
+
+void stackman_image_begin(stackman_image* image, const char* name) {
+  *image = stackman_image{};
+  image->descriptor = -1;
+  hash_open(&image->digest, HASH_SHA256);
+  time_t now = time(nullptr);
+  hash_write(&image->digest, &now, sizeof now);
+  hash_write(&image->digest, name, strlen(name));
+  image->error = open_staging(image);
+}
+
+void stackman_image_write(stackman_image* image, const void* bytes, uint64_t size) {
+  if (image->error != nullptr || size == 0) return;
+  if (stackman_write_all(image->descriptor, bytes, size) != 0) {
+    // A full disk is given back at once, not after the rest has arrived.
+    image->error = "store image";
+    stackman_image_discard(image);
+    return;
+  }
+  hash_write(&image->digest, bytes, size);
+  // Write-back of this piece overlaps the arrival of the next.
+  sync_file_range(image->descriptor, static_cast<off64_t>(image->size), static_cast<off64_t>(size),
+                  SYNC_FILE_RANGE_WRITE);
+  image->size += size;
+}
+
+void stackman_image_discard(stackman_image* image) {
+  close_image_file(image);
+  if (image->staging_path.length != 0) fs_remove_recursive(&image->staging_path);
+  bucket_release(&image->staging_path);
+}
+
+stackman_stack* stackman_stack_allocate(const char* name, stackman_image* image, socket_record* connection) {
+  make_key(image);
   stackman_stack* stack = stackman_stack_create(stackman_state.key_text, name);
-  if (stack == nullptr) return nullptr;
+  if (stack == nullptr) {
+    stackman_image_discard(image);
+    return nullptr;
+  }
 
   made_paths made{};
-  bool in_place = stackman_state.skip_sync;
-  bucket build = in_place ? fs_copy(&stack->store_path) : stackman_staging_path(stack->key);
-  if (fs_mkdir(&stack->stack_path) != 0) return abandon(stack, &build, made, "mkdir stack path");
+  if (fs_mkdir(&stack->stack_path) != 0) return abandon(stack, image, made, "mkdir stack path");
   made.stack_dir = true;
-  if (entry_exists(&stack->store_path) || fs_mkdir(&build) != 0) return abandon(stack, &build, made, "mkdir store path");
-  made.build_dir = true;
-  if (const char* error = fill_store(&build, stack, image, image_size)) return abandon(stack, &build, made, error);
-  if (!in_place && publish(&build, stack) != 0) return abandon(stack, &build, made, "mkdir store path");
+  if (image->error != nullptr) return abandon(stack, image, made, image->error);
+  if (entry_exists(&stack->store_path)) return abandon(stack, image, made, "mkdir store path");
+  if (const char* error = finish_store(image, stack)) return abandon(stack, image, made, error);
+  if (publish(image, stack) != 0) return abandon(stack, image, made, "mkdir store path");
   // From here on the store stands under its key.
-  made.build_dir = false;
   made.store_dir = true;
 
   snprintf(stackman_state.descriptor_text, sizeof stackman_state.descriptor_text, "%d", connection->descriptor);
@@ -114,7 +184,6 @@ stackman_stack* stackman_stack_allocate(const char* name, const void* image, uin
   const char* deploy[] = {"--deploy", stackman_state.descriptor_text, nullptr};
   int started = stackman_start(stack, deploy);
   socket_inherit(connection, 0);
-  if (started != 0) return abandon(stack, &build, made, stackman_strerror());
-  bucket_release(&build);
+  if (started != 0) return abandon(stack, image, made, stackman_strerror());
   return stack;
 }

@@ -4,8 +4,11 @@
 // made.
 //
 // Hidden names of the daemon's own, in the data root and the stacks root:
-//   .staging-{key}   a store being built by deployment; becomes {key} by one
-//                    rename once its name-tag and image are synced
+//   .staging-{id}    a store being built by deployment while its image
+//                    arrives; {id} is 64 hexadecimal characters that name this
+//                    upload alone (the key is known only after the last image
+//                    byte); becomes {key} by one rename once its image and
+//                    name-tag are synced
 //   .deleting-{key}  a store or stack path being removed; hidden first, so a
 //                    crash mid-removal never leaves a half store under a key
 // and in a store, serv/.name.tmp: a new name-tag on its way over serv/name.
@@ -13,11 +16,13 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <ctime>
 #include <initializer_list>
 #include <fcntl.h>
 #include <unistd.h>
 
 #include "base/fs.h"
+#include "base/hash.h"
 #include "base/runtime.h"
 #include "stackman/internal.h"
 
@@ -36,7 +41,8 @@ bool is_key(const char* text) {
 
 bool has_prefix(const char* text, const char* prefix) { return strncmp(text, prefix, strlen(prefix)) == 0; }
 
-// One of our hidden names: the prefix followed by exactly a key.
+// One of our hidden names: the prefix followed by exactly a key (or a
+// staging id, which has the same shape).
 bool is_own_hidden(const char* name) {
   for (const char* prefix : {kStagingPrefix, kDeletingPrefix})
     if (has_prefix(name, prefix) && is_key(name + strlen(prefix))) return true;
@@ -60,18 +66,19 @@ void each_entry(bucket* root, Visit visit) {
   closedir(directory);
 }
 
-int write_all(int descriptor, const char* bytes, uint64_t size) {
+}  // namespace
+
+int stackman_write_all(int descriptor, const void* bytes, uint64_t size) {
+  const char* next = static_cast<const char*>(bytes);
   while (size != 0) {
-    ssize_t written = write(descriptor, bytes, size);
+    ssize_t written = write(descriptor, next, size);
     if (written < 0 && errno == EINTR) continue;
     if (written <= 0) return -1;
-    bytes += written;
+    next += written;
     size -= static_cast<uint64_t>(written);
   }
   return 0;
 }
-
-}  // namespace
 
 bucket stackman_hidden_path(bucket* root, const char* prefix_kind, const char* key) {
   bucket path = fs_copy(root);
@@ -79,19 +86,32 @@ bucket stackman_hidden_path(bucket* root, const char* prefix_kind, const char* k
   return path;
 }
 
-bucket stackman_staging_path(const char* key) {
-  return stackman_hidden_path(&stackman_state.data_root, kStagingPrefix, key);
+// Unique for the life of the working directory: the wall clock in
+// nanoseconds, the process and a count of the uploads it has staged, digested
+// into the shape of a key so that the start-up sweep knows it as our own.
+bucket stackman_staging_path() {
+  static uint64_t staged = 0;
+  timespec now{};
+  clock_gettime(CLOCK_REALTIME, &now);
+  const uint64_t seed[] = {static_cast<uint64_t>(now.tv_sec), static_cast<uint64_t>(now.tv_nsec),
+                           static_cast<uint64_t>(getpid()), ++staged};
+  hash_context context;
+  hash_open(&context, HASH_SHA256);
+  hash_write(&context, seed, sizeof seed);
+  uint8_t digest[HASH_SHA256_SIZE];
+  hash_close(&context, digest);
+  char id[STACKMAN_KEY_SIZE];
+  hash_maphex(HASH_SHA256, digest, id);
+  return stackman_hidden_path(&stackman_state.data_root, kStagingPrefix, id);
 }
 
 int stackman_sync_descriptor(int descriptor) {
-  if (stackman_state.skip_sync) return 0;
   while (fsync(descriptor) != 0)
     if (errno != EINTR) return -1;
   return 0;
 }
 
 int stackman_sync_directory(bucket* path) {
-  if (stackman_state.skip_sync) return 0;
   int descriptor = open(bucket_cstring(path), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
   if (descriptor < 0) return -1;
   int result = stackman_sync_descriptor(descriptor);
@@ -102,7 +122,7 @@ int stackman_sync_directory(bucket* path) {
 int stackman_write_durable(bucket* path, const void* bytes, uint64_t size) {
   int descriptor = open(bucket_cstring(path), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
   if (descriptor < 0) return -1;
-  int result = write_all(descriptor, static_cast<const char*>(bytes), size);
+  int result = stackman_write_all(descriptor, bytes, size);
   if (result == 0) result = stackman_sync_descriptor(descriptor);
   if (close(descriptor) != 0 && errno != EINTR) result = -1;
   return result;

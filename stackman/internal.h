@@ -14,7 +14,6 @@ struct stackman_manager {
   char name_buffer[STACKMAN_NAME_SIZE];  // a name-tag read at start-up
   char key_text[STACKMAN_KEY_SIZE];  // the key of the deployment under way
   char descriptor_text[128];  // the inherited connection's number, in decimal
-  bool skip_sync;  // stores are built in place without fsync (measurements only)
   bool locked;  // lock_descriptors hold ./private/lock
   int lock_descriptors[2];  // the lock file as opened, and as renamed into place
 };
@@ -35,10 +34,14 @@ void stackman_stack_free(stackman_stack* stack);
 
 // Durable files and directories (durable.cc).
 //
-// {data root}/.staging-{key}: where deployment builds a store.
-bucket stackman_staging_path(const char* key);
+// {data root}/.staging-{64 hexadecimal}: where deployment builds a store
+// while its image arrives, before the key is known; a new name at every call.
+bucket stackman_staging_path();
 // {store}/serv/.name.tmp: where rename writes the new name-tag.
 bucket stackman_name_tag_temporary(stackman_stack* stack);
+// Writes all `size` bytes, going on after a short write or EINTR; 0, or -1
+// with errno (ENOSPC, EFBIG, ...).
+int stackman_write_all(int descriptor, const void* bytes, uint64_t size);
 // Writes the whole file (created or truncated) and syncs it; 0 or -1.
 int stackman_write_durable(bucket* path, const void* bytes, uint64_t size);
 int stackman_sync_descriptor(int descriptor);
@@ -62,8 +65,3 @@ void stackman_jobs_record(stackman_stack* stack);
 void stackman_jobs_forget(stackman_stack* stack);
 // Stops the process groups that recorded jobs of an earlier run left behind.
 void stackman_stop_orphans();
-
-// Ends every job with SIGKILL, frees every record and closes the node socket,
-// leaving the disk as it is, so that one test process can open the manager
-// more than once.
-void stackman_reset();

@@ -16,6 +16,7 @@
 #include <cstdint>
 
 #include "base/bucket.h"
+#include "base/hash.h"
 #include "base/ostream.h"
 #include "base/process.h"
 #include "base/socket.h"
@@ -79,11 +80,40 @@ int stackman_validate_name(const char* name);
 // the name.
 stackman_stack* stackman_stack_create(const char* key, const char* name);
 
-// Deploys an uploaded image as a new running stack that inherits `connection`
-// and answers the client on it. Null on failure (last error set); nothing of
-// the failed deployment is left behind.
-stackman_stack* stackman_stack_allocate(const char* name, const void* image, uint64_t image_size,
-                                        socket_record* connection);
+// An uploaded image on its way to disk: each piece goes into the image file
+// of a hidden staging store and into the key's digest as it arrives, so no
+// image is ever held in memory. Filled by stackman_image_begin; ends in
+// stackman_stack_allocate or stackman_image_discard, which remove what was
+// staged unless it became a store.
+struct stackman_image {
+  bucket staging_path;  // {data root}/.staging-{64 hexadecimal}; nil when not made
+  int descriptor;  // {staging}/serv/image, open for writing; -1 when not open
+  hash_context digest;  // the calendar time, the name, then every image byte
+  uint64_t size;  // image bytes written so far
+  const char* error;  // first staging failure ("mkdir store path", "store image"), or null
+};
+
+// The largest image the data root can take now: its free space less a
+// reserve of 1% of its file system, at least 64 MiB. UINT64_MAX when the data
+// root cannot be examined (the deployment then fails on its own).
+uint64_t stackman_image_room();
+// Stages an image for `name`: makes the staging store with an empty image
+// file and feeds the digest the time and the name. Does not fail: a failure
+// is kept in `error`, later pieces are dropped, and the deployment reports it.
+void stackman_image_begin(stackman_image* image, const char* name);
+// Appends `size` bytes to the image file and the digest, and starts their
+// write-back at once, so the final sync has little left to wait for.
+void stackman_image_write(stackman_image* image, const void* bytes, uint64_t size);
+// Closes the image file and removes the staging store.
+void stackman_image_discard(stackman_image* image);
+
+// Deploys a staged image as a new running stack that inherits `connection`
+// and answers the client on it. REQUIRES: `name` is the one the image was
+// begun with. Consumes the image: its staging store becomes the stack's
+// store, or is removed. Null on failure (last error set, the staging error
+// first among the store's own); nothing of the failed deployment is left
+// behind.
+stackman_stack* stackman_stack_allocate(const char* name, stackman_image* image, socket_record* connection);
 
 // One supervision pass: collects ended jobs, reports them, settles states and
 // destroys stacks whose deployment never completed.
@@ -97,6 +127,11 @@ void stackman_stack_killjob(stackman_stack* stack);
 // for each whose leader still ran); every leader is reaped and every stack
 // left idle.
 void stackman_killall();
+
+// Ends every job with SIGKILL, frees every record and closes the node socket,
+// leaving the disk as it is, so that one test process can open the manager
+// more than once (for tests).
+void stackman_reset();
 
 // Composes one control message of the selector into `out` (internal; exposed
 // for the tests). Composing a shutdown marks the stack stopping.

@@ -73,6 +73,14 @@ void bind_socket_file(const std::string& path) {
   close(fd);
 }
 
+// Stages `image` as the request handler does, in one piece, and deploys it.
+stackman_stack* deploy(const std::string& name, const std::string& image, socket_record* connection) {
+  stackman_image staged;
+  stackman_image_begin(&staged, name.c_str());
+  stackman_image_write(&staged, image.data(), image.size());
+  return stackman_stack_allocate(name.c_str(), &staged, connection);
+}
+
 // A client's connection: the manager's end in `record`, the client's in `peer`.
 struct Connection {
   int peer = -1;
@@ -154,7 +162,7 @@ class StackmanTest : public testing::Test {
     limited = {std::min(file_limit, saved.rlim_cur), saved.rlim_max};
     sighandler_t handler = signal(SIGXFSZ, SIG_IGN);
     setrlimit(RLIMIT_FSIZE, &limited);
-    EXPECT_EQ(stackman_stack_allocate(name.c_str(), image.data(), image.size(), &connection.record), nullptr);
+    EXPECT_EQ(deploy(name, image, &connection.record), nullptr);
     setrlimit(RLIMIT_FSIZE, &saved);
     signal(SIGXFSZ, handler);
     EXPECT_STREQ(stackman_strerror(), error);
@@ -270,7 +278,7 @@ TEST_F(StackmanTest, DeploymentStoresTheStackAndHandsItTheConnection) {
   open_manager();
   Connection connection, second;
   const std::string image = "#!/bin/sh\necho hi\n", fd = std::to_string(connection.record.descriptor);
-  stackman_stack* stack = stackman_stack_allocate("app", image.data(), image.size(), &connection.record);
+  stackman_stack* stack = deploy("app", image, &connection.record);
   ASSERT_NE(stack, nullptr) << stackman_strerror();
   EXPECT_EQ(stack->state, STACKMAN_RUNNING);
   EXPECT_TRUE(connection.close_on_exec()) << "the connection is inheritable only while the stack starts";
@@ -281,12 +289,47 @@ TEST_F(StackmanTest, DeploymentStoresTheStackAndHandsItTheConnection) {
   EXPECT_EQ(connection.answer(), "deployed app") << "the stack answers on the inherited connection";
   EXPECT_NE(log_of(key).find("|--|--deploy|" + fd + "\nfds 0 1 2 " + fd + "\n"), std::string::npos) << log_of(key);
 
-  stackman_stack* empty = stackman_stack_allocate("empty", "", 0, &second.record);
+  stackman_stack* empty = deploy("empty", "", &second.record);
   ASSERT_NE(empty, nullptr);
   EXPECT_EQ(read_file(std::string("data/") + empty->key + "/serv/image"), "");
   EXPECT_STRNE(empty->key, stack->key);
   ASSERT_TRUE(logged(empty->key, "ready")) << "the disk is still before the next deployment";
   expect_failed_deploy("`key` not unique");
+}
+
+TEST_F(StackmanTest, AnImageStagedInPiecesGetsTheKeyOfTheWholeImage) {
+  open_manager();
+  const std::string name = "pieces", image = std::string(100000, 'k') + "tail";
+  for (;;) {
+    const time_t now = time(nullptr);
+    srand(7);
+    const int random_value = rand();
+    srand(7);
+    stackman_image staged;
+    stackman_image_begin(&staged, name.c_str());
+    for (size_t at = 0, piece = 0; at <= image.size(); at += piece, piece = piece * 3 + 1)
+      stackman_image_write(&staged, image.data() + at, std::min(piece, image.size() - at));
+    Connection connection;
+    stackman_stack* stack = stackman_stack_allocate(name.c_str(), &staged, &connection.record);
+    ASSERT_NE(stack, nullptr) << stackman_strerror();
+    EXPECT_EQ(read_file("data/" + std::string(stack->key) + "/serv/image"), image);
+    if (time(nullptr) != now) {  // a second began meanwhile: the key's time is unknown
+      stackman_stack_destroy(stack);
+      continue;
+    }
+    hash_context whole;
+    hash_open(&whole, HASH_SHA256);
+    hash_write(&whole, &now, sizeof now);
+    hash_write(&whole, name.data(), name.size());
+    hash_write(&whole, image.data(), image.size());
+    hash_write(&whole, &random_value, sizeof random_value);
+    uint8_t digest[HASH_SHA256_SIZE];
+    hash_close(&whole, digest);
+    char key[STACKMAN_KEY_SIZE];
+    hash_maphex(HASH_SHA256, digest, key);
+    EXPECT_STREQ(stack->key, key);
+    return;
+  }
 }
 
 TEST_F(StackmanTest, FailedDeploymentsLeaveNothingBehindAndRemoveNothingTheyFound) {
@@ -309,7 +352,7 @@ TEST_F(StackmanTest, FailedDeploymentsLeaveNothingBehindAndRemoveNothingTheyFoun
     for (time_t now = time(nullptr); time(nullptr) == now;) usleep(1000);
     Connection connection;
     srand(7);
-    stackman_stack* probe = stackman_stack_allocate("app", "img", 3, &connection.record);
+    stackman_stack* probe = deploy("app", "img", &connection.record);
     ASSERT_NE(probe, nullptr);
     const std::string taken = root + probe->key;
     stackman_stack_destroy(probe);
@@ -336,7 +379,7 @@ TEST_F(StackmanTest, SupervisionReportsEndedJobsAndSettlesTheirStacks) {
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
     behave(c.name, c.directives);
-    stackman_stack* stack = stackman_stack_allocate(c.name, "img", 3, &connection.record);
+    stackman_stack* stack = deploy(c.name, "img", &connection.record);
     ASSERT_NE(stack, nullptr);
     const std::string key = stack->key;
     ASSERT_TRUE(logged(key, c.wait));

@@ -3,8 +3,10 @@
 #include <gtest/gtest.h>
 
 #include <csignal>
+#include <cstring>
 #include <string>
 #include <sys/socket.h>
+#include <sys/statvfs.h>
 #include <unistd.h>
 
 #include "tests/e2e/daemon.h"
@@ -134,12 +136,33 @@ TEST_F(DaemonTest, SelectingAnIdleStackStartsItAgain) {
   EXPECT_EQ(greeting(daemon_.port(), frame(encode_select("napper"))), "hello napper");
 }
 
-TEST_F(DaemonTest, AStalledClientHoldsTheDaemonOnlyUntilItsTimeOut) {
-  Connection stalled(daemon_.port());
-  stalled.send(std::string("\0\0", 2));
-  // The next client waits in the listen queue until the stalled one times out.
-  EXPECT_EQ(ask(daemon_.port(), encode_list(), 45), "names:");
-  EXPECT_TRUE(stalled.closed_without_reply());
+TEST_F(DaemonTest, AClaimedImageCostsNoMemoryAndOneTheDiskCannotTakeIsRefusedUnread) {
+  ASSERT_EQ(upload("taken", "t"), "deployed taken");
+  const std::string status = "/proc/" + std::to_string(daemon_.pid()) + "/status";
+  auto peak_kib = [&] { return atol(strstr(read_file(status).c_str(), "VmHWM:") + 6); };
+  const long peak = peak_kib();
+  // Whatever the size, a client that closes after the request lets the next
+  // one in at once.
+  for (int64_t size : {int64_t{0}, int64_t{1}, int64_t{1} << 30, int64_t{1} << 40, INT64_MAX}) {
+    Connection(daemon_.port()).send(frame(encode_upload("taken", size)));
+    int64_t closed = now_ms();
+    EXPECT_EQ(listed(), Names{"taken"});
+    EXPECT_LT(now_ms() - closed, 1000) << size;
+  }
+  // Far below the smallest claim above, with room for a sanitizer's own
+  // bookkeeping of each connection's arenas.
+  EXPECT_LT(peak_kib() - peak, 64 << 10) << "the daemon's peak memory grew";
+  EXPECT_EQ(entries(daemon_.path("data")), Names{daemon_.key_of("taken")});
+
+  // All of the free space is more than an upload may take: the reply comes
+  // without an image byte sent.
+  struct statvfs disk {};
+  ASSERT_EQ(statvfs(daemon_.path("data").c_str(), &disk), 0);
+  Connection claim(daemon_.port());
+  int64_t sent = now_ms();
+  claim.send(frame(encode_upload("new", static_cast<int64_t>(disk.f_bavail * disk.f_frsize))));
+  EXPECT_EQ(claim.reply(), "failure: image too large");
+  EXPECT_LT(now_ms() - sent, 1000);
 }
 
 TEST(DaemonStop, OneSigintWithNoStacksStopsAtOnce) {

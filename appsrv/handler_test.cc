@@ -1,0 +1,183 @@
+// The request handler in this process, on loopback TCP, over the real stack
+// manager in a temporary working directory: what a client sees, and what the
+// disk keeps, when an upload arrives in pieces, too slowly, or onto a full
+// disk. The time limits are shrunk so that no case waits long.
+#include "appsrv/handler.h"
+
+#include <gtest/gtest.h>
+
+#include <csignal>
+#include <filesystem>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <thread>
+#include <unistd.h>
+
+#include "protocol/appsrv_protocol_reply/appsrv_protocol_reply.h"
+#include "protocol/appsrv_protocol_request/appsrv_protocol_request.h"
+#include "stackman/stackman.h"
+#include "tests/e2e/daemon.h"
+
+using namespace e2e;
+
+namespace {
+
+// Every step of a client: bytes to send, then a pause.
+struct Step {
+  std::string bytes;
+  int pause_ms = 0;
+};
+using Steps = std::vector<Step>;
+
+// The same bytes in `count` steps `pause_ms` apart.
+Steps trickle(const std::string& bytes, size_t count, int pause_ms) {
+  Steps steps;
+  for (size_t i = 0, size = bytes.size() / count; i < count; ++i)
+    steps.push_back({bytes.substr(i * size, i + 1 < count ? size : std::string::npos), pause_ms});
+  return steps;
+}
+
+std::string image_of(size_t size) {
+  std::string image(size, '\0');
+  for (size_t i = 0; i < size; ++i) image[i] = static_cast<char>(i * 7 + i / 4093);
+  return image;
+}
+
+bool readable(int fd) {
+  pollfd entry{fd, POLLIN, 0};
+  return poll(&entry, 1, 0) == 1;
+}
+
+class HandlerTest : public testing::Test {
+ protected:
+  void SetUp() override {
+    char pattern[] = "/tmp/appsrv-handler-XXXXXX";
+    ASSERT_NE(mkdtemp(pattern), nullptr);
+    previous_ = std::filesystem::current_path();
+    std::filesystem::current_path(root_ = pattern);
+    for (const char* directory : {"runenv/image", "runenv/test-control", "data"}) make_tree(directory);
+    ASSERT_EQ(symlink(TEST_BOOTSTRAP, "runenv/image/application-server-bootstrap"), 0);
+    write_file("runenv/test-control/default", "marker");
+    stackman_open("./runenv", "./stacks", "./data");
+    socket_address address{};
+    ASSERT_EQ(socket_address_tcp("127.0.0.1", "0", &address), 0);
+    ASSERT_EQ(socket_open(&address, 1, 1, &listener_), 0);
+    sockaddr_in bound{};
+    socklen_t length = sizeof bound;
+    getsockname(listener_.descriptor, reinterpret_cast<sockaddr*>(&bound), &length);
+    port_ = ntohs(bound.sin_port);
+    saved_ = appsrv_receive_limits;
+    appsrv_receive_limits = {500, 500, 1000, 64 << 10};
+  }
+  void TearDown() override {
+    appsrv_receive_limits = saved_;
+    socket_close(&listener_);
+    stackman_reset();
+    std::filesystem::current_path(previous_);
+    std::filesystem::remove_all(root_);
+  }
+
+  // Serves one connection as the main loop does while a client takes its
+  // steps (stopping early once an answer is there), and gives what the client
+  // read back: a reply, the new stack's line, or "" when nothing came.
+  std::string serve(const Steps& steps) {
+    std::string answer;
+    std::thread client([&] {
+      Connection connection(port_);
+      for (const Step& step : steps) {
+        if (readable(connection.fd()) || !connection.send(step.bytes)) break;
+        usleep(step.pause_ms * 1000);
+      }
+      char first = 0;
+      if (recv(connection.fd(), &first, 1, MSG_PEEK) == 1)
+        answer = first == 'd' ? connection.line() : connection.reply();
+    });
+    socket_record connection{};
+    EXPECT_EQ(socket_accept(&listener_, 0, &connection), 0);
+    dympage* request_arena = image___appsrv_protocol_request___create_allocator_f();
+    dympage* reply_arena = image___appsrv_protocol_reply___create_allocator_f();
+    int64_t started = now_ms();
+    handle_request(&connection, request_arena, reply_arena);
+    handled_ms_ = now_ms() - started;
+    image___appsrv_protocol_reply___destroy_allocator_f(reply_arena);
+    image___appsrv_protocol_request___destroy_allocator_f(request_arena);
+    socket_close(&connection);
+    client.join();
+    return answer;
+  }
+  std::string upload(const std::string& name, const std::string& image) { return serve({{upload_bytes(name, image)}}); }
+  static Names left_behind() {
+    Names names = entries("data"), stacks = entries("stacks");
+    names.insert(names.end(), stacks.begin(), stacks.end());
+    return names;
+  }
+
+  std::string root_;
+  std::filesystem::path previous_;
+  socket_record listener_{};
+  uint16_t port_ = 0;
+  appsrv_limits saved_{};
+  int64_t handled_ms_ = 0;
+};
+
+}  // namespace
+
+TEST_F(HandlerTest, TheStoredImageIsTheUploadByteForByte) {
+  for (size_t size : {size_t{0}, size_t{1}, appsrv_image_chunk, appsrv_image_chunk + 1, 3 * appsrv_image_chunk + 5}) {
+    const std::string name = "size " + std::to_string(size), image = image_of(size);
+    ASSERT_EQ(upload(name, image), "deployed " + name);
+    EXPECT_EQ(read_file("data/" + std::string(stackman_get(name.c_str())->key) + "/serv/image"), image) << size;
+  }
+}
+
+TEST_F(HandlerTest, AFullDiskFailsTheUploadAfterTheNameChecksAndLeavesNothing) {
+  ASSERT_EQ(upload("taken", "t"), "deployed taken");
+  const Names kept = left_behind();
+  // The disk fills up in the middle of the second piece.
+  rlimit saved{}, limited{};
+  getrlimit(RLIMIT_FSIZE, &saved);
+  limited = {appsrv_image_chunk * 3 / 2, saved.rlim_max};
+  sighandler_t handler = signal(SIGXFSZ, SIG_IGN);
+  setrlimit(RLIMIT_FSIZE, &limited);
+  const std::string image = image_of(3 * appsrv_image_chunk);
+  const struct {
+    const char *name, *reason;
+  } cases[] = {{"new", "store image"}, {"", "invalid name"}, {"taken", "duplicate name"}};
+  for (const auto& c : cases) {
+    EXPECT_EQ(upload(c.name, image), std::string("failure: ") + c.reason);
+    EXPECT_EQ(left_behind(), kept) << c.name;
+  }
+  setrlimit(RLIMIT_FSIZE, &saved);
+  signal(SIGXFSZ, handler);
+}
+
+TEST_F(HandlerTest, SlowClientsAreCutOffAndLeaveNothing) {
+  const std::string request = upload_bytes("slow", image_of(640 << 10));
+  const std::string frame_bytes = frame(encode_upload("slow", 640 << 10));
+  const std::string image = request.substr(frame_bytes.size());
+  // Limits: the frame within 500 ms, no receive silent for 500 ms, and 64 KiB
+  // in every second of the image.
+  const struct {
+    const char* what;
+    Steps steps;
+    std::string answer;
+    int64_t at_least_ms;
+  } cases[] = {
+      {"frame a byte at a time", trickle(frame_bytes, frame_bytes.size(), 40), "", 500},
+      {"silent mid-image", {{frame_bytes + image.substr(0, 100000), 2000}, {image.substr(100000)}},
+       "failure: image could not be loaded", 500},
+      {"a KiB every 50 ms", trickle(request, request.size() >> 10, 50), "failure: image could not be loaded", 1000},
+      // 32 KiB every 100 ms: each window's due is in after 200 ms, and the
+      // image takes two windows.
+      {"at pace", trickle(request, 20, 100), "deployed slow", 1500},
+  };
+  for (const auto& c : cases) {
+    EXPECT_EQ(serve(c.steps), c.answer) << c.what;
+    EXPECT_GE(handled_ms_, c.at_least_ms) << c.what;
+    EXPECT_LT(handled_ms_, c.at_least_ms + 3000) << c.what;
+  }
+  ASSERT_NE(stackman_get("slow"), nullptr);
+  EXPECT_EQ(left_behind(), (Names{stackman_get("slow")->key, stackman_get("slow")->key}));
+}
