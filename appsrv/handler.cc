@@ -5,10 +5,10 @@
 #include <sys/time.h>
 
 #include "appsrv/upload.h"
+#include "base/bigendian.h"
 #include "base/runtime.h"
 #include "protocol/appsrv_protocol_reply/appsrv_protocol_reply.h"
 #include "protocol/appsrv_protocol_request/appsrv_protocol_request.h"
-#include "protocol/bigendian.h"
 #include "stackman/stackman.h"
 
 namespace {
