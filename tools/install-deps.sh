@@ -3,7 +3,7 @@
 # Usage: tools/install-deps.sh [--fuzz]   (--fuzz adds clang for the fuzz target)
 set -euo pipefail
 
-packages=(cmake ninja-build g++ libgtest-dev libbenchmark-dev)
+packages=(cmake ninja-build g++ libgtest-dev libbenchmark-dev libarchive-dev libtomlplusplus-dev nlohmann-json3-dev)
 [[ "${1:-}" == "--fuzz" ]] && packages+=(clang libclang-rt-14-dev)
 
 missing=()
