@@ -311,8 +311,6 @@ void runenv_service_tick(runenv_stack* stack);
 // No more starts: a back-off ends as `stopped`, a running service is sent
 // `signal_number` (0 for none) to its whole group.
 void runenv_service_halt(runenv_stack* stack, int signal_number);
-// `signal_number` to the running service's group.
-void runenv_service_signal(runenv_stack* stack, int signal_number);
 
 // ---- state for the operator's tools ----------------------------------------
 

@@ -26,6 +26,9 @@ constexpr int64_t kForcedGraceMs = 3000;
 constexpr int64_t kKilledWaitMs = 1000;
 // Pipes still open when the runtime leaves get this many reads each.
 constexpr int kFinalReads = 16;
+// What the service started is no child of the runtime, and its end wakes
+// nothing: while only such processes are left, the loop looks this often.
+constexpr int64_t kGroupCheckMs = 100;
 
 volatile sig_atomic_t child_ended = 0;
 
@@ -45,7 +48,7 @@ struct stop_plan {
   bool killed;  // SIGKILL went out
   int64_t kill_at;  // monotonic
   int64_t leave_at;
-  pid_t group;  // the service's group when the stop began
+  pid_t group;  // the service's group when the stop began; it ends when its last member does
 };
 
 bool has_service(const runenv_stack* stack) { return stack->manifest.service_command.count > 0; }
@@ -79,16 +82,21 @@ bool children_gone(const runenv_stack* stack) {
   return stack->service.pid == 0 && dymarray_size(&stack->handlers) == 0;
 }
 
+bool group_alive(const stop_plan* stop) { return stop->group > 0 && kill(-stop->group, 0) == 0; }
+
 // SIGKILL once the grace is over; false once the runtime leaves whatever
 // is left.
 bool press(runenv_stack* stack, stop_plan* stop) {
   int64_t now = runtime_getclock();
   if (stop->killed) return now < stop->leave_at;
   if (now < stop->kill_at) return true;
-  runenv_say(stack, RUNENV_ECHO_ERROR, "%s%llu handlers outlived SIGTERM, killing them",
-             stack->service.pid > 0 ? "the service and " : "",
-             static_cast<unsigned long long>(dymarray_size(&stack->handlers)));
-  runenv_service_signal(stack, SIGKILL);
+  uint64_t handlers = dymarray_size(&stack->handlers);
+  if (handlers == 0)
+    runenv_say(stack, RUNENV_ECHO_ERROR, "the service outlived SIGTERM, killing it");
+  else
+    runenv_say(stack, RUNENV_ECHO_ERROR, "%s%llu handlers outlived SIGTERM, killing them",
+               group_alive(stop) ? "the service and " : "", static_cast<unsigned long long>(handlers));
+  if (stop->group > 0) kill(-stop->group, SIGKILL);
   runenv_handler_signal(stack, SIGKILL);
   stop->killed = true;
   stop->leave_at = now + kKilledWaitMs;
@@ -112,6 +120,7 @@ int64_t next_wait(const runenv_stack* stack, const stop_plan* stop) {
   else if (stack->service.deadline_ms != 0) due = stack->service.deadline_ms;
   if (due < 0) return -1;
   int64_t left = due - runtime_getclock();
+  if (stop->active && children_gone(stack) && left > kGroupCheckMs) left = kGroupCheckMs;
   return left > 0 ? left : 0;
 }
 
@@ -135,10 +144,8 @@ void wait_once(runenv_stack* stack, stop_plan* stop) {
     begin_stop(stack, stop, false);
 }
 
-// What the pipes still hold goes into the log; what the service's group
-// still holds has outlived its leader.
-void finish(runenv_stack* stack, const stop_plan* stop) {
-  if (stop->group > 0) kill(-stop->group, SIGKILL);
+// What the pipes still hold goes into the log.
+void finish(runenv_stack* stack) {
   for (uint64_t i = 0; i < dymarray_size(&stack->sources); ++i) {
     auto* source = *static_cast<runenv_log_source**>(dymarray_at(&stack->sources, i));
     for (int reads = 0; reads < kFinalReads && runenv_source_read(stack, source) == 1; ++reads) {
@@ -171,10 +178,10 @@ int runenv_serve(runenv_stack* stack) {
       reap(stack);
     }
     if (runenv_stop_signal != 0) begin_stop(stack, &stop, true);
-    if (stop.active && (children_gone(stack) || !press(stack, &stop))) break;
+    if (stop.active && ((children_gone(stack) && !group_alive(&stop)) || !press(stack, &stop))) break;
     if (!stop.active) runenv_service_tick(stack);
     wait_once(stack, &stop);
   }
-  finish(stack, &stop);
+  finish(stack);
   return 0;
 }

@@ -162,9 +162,5 @@ void runenv_service_halt(runenv_stack* stack, int signal_number) {
     service->deadline_ms = 0;
     runenv_state_write(stack);
   }
-  if (signal_number != 0) runenv_service_signal(stack, signal_number);
-}
-
-void runenv_service_signal(runenv_stack* stack, int signal_number) {
-  if (stack->service.pid > 0) kill(-stack->service.pid, signal_number);
+  if (signal_number != 0 && service->pid > 0) kill(-service->pid, signal_number);
 }
