@@ -41,18 +41,22 @@ struct Entry {
 // libarchive. The archive ends after the first header that declares more
 // data than it has.
 std::string archive_of(const std::vector<Entry>& entries, const std::string& filter = "") {
-  std::string bytes;
+  struct output {
+    std::string bytes;
+    bool cut = false;  // what follows a cut entry's header is dropped, and the writing fails
+  } out;
   archive* writer = archive_write_new();
   archive_write_set_format_pax_restricted(writer);
   if (filter == "gzip") archive_write_add_filter_gzip(writer);
   if (filter == "zstd") archive_write_add_filter_zstd(writer);
   archive_write_set_bytes_per_block(writer, 0);
   auto append = [](archive*, void* context, const void* data, size_t size) -> la_ssize_t {
-    static_cast<std::string*>(context)->append(static_cast<const char*>(data), size);
+    auto* out = static_cast<output*>(context);
+    if (out->cut) return -1;
+    out->bytes.append(static_cast<const char*>(data), size);
     return static_cast<la_ssize_t>(size);
   };
-  archive_write_open(writer, &bytes, nullptr, append, nullptr);
-  bool cut = false;
+  archive_write_open(writer, &out, nullptr, append, nullptr);
   for (const Entry& entry : entries) {
     archive_entry* header = archive_entry_new();
     archive_entry_set_pathname(header, entry.path.c_str());
@@ -61,17 +65,17 @@ std::string archive_of(const std::vector<Entry>& entries, const std::string& fil
     archive_entry_set_mode(header, types.at(entry.kind) | 0755);
     if (entry.kind == 'l') archive_entry_set_symlink(header, entry.data.c_str());
     if (entry.kind == 'h') archive_entry_set_hardlink(header, entry.data.c_str());
-    cut = entry.size >= 0;
-    if (entry.kind == 'f') archive_entry_set_size(header, cut ? entry.size : static_cast<int64_t>(entry.data.size()));
+    if (entry.kind == 'f') archive_entry_set_size(header, entry.size >= 0 ? entry.size : int64_t(entry.data.size()));
     archive_write_header(writer, header);
     archive_entry_free(header);
-    if (cut) break;
+    if (entry.size >= 0) {
+      out.cut = true;
+      break;
+    }
     if (entry.kind == 'f') archive_write_data(writer, entry.data.data(), entry.data.size());
   }
-  // Closing would pad a cut entry to its declared size.
-  if (cut) archive_write_fail(writer);
   archive_write_free(writer);
-  return bytes;
+  return out.bytes;
 }
 
 const std::string kManifest = "[service]\ncommand = [\"./run\"]\n";
