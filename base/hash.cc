@@ -68,7 +68,7 @@ void pad(hash_engine* engine, hash_blocks_fn fold) {
     engine->pending = 0;
   }
   memset(engine->block + engine->pending, 0, 56 - engine->pending);
-  for (int i = 0; i < 8; ++i) engine->block[56 + i] = static_cast<uint8_t>(bits >> (56 - 8 * i));
+  bigendian_store64(engine->block + 56, bits);
   fold(engine->words, engine->block, 1);
 }
 
@@ -104,13 +104,7 @@ void hash_close(hash_context* context, uint8_t* digest) {
   if (words == 0) return;
   hash_engine* engine = engine_of(context);
   pad(engine, blocks_of(context->algorithm));
-  for (uint32_t i = 0; i < words; ++i) {
-    uint32_t word = engine->words[i];
-    digest[4 * i] = static_cast<uint8_t>(word >> 24);
-    digest[4 * i + 1] = static_cast<uint8_t>(word >> 16);
-    digest[4 * i + 2] = static_cast<uint8_t>(word >> 8);
-    digest[4 * i + 3] = static_cast<uint8_t>(word);
-  }
+  for (uint32_t i = 0; i < words; ++i) bigendian_store32(digest + 4 * i, engine->words[i]);
 }
 
 void hash_maphex(uint32_t algorithm, const uint8_t* digest, char* text) {

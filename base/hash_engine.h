@@ -4,11 +4,10 @@
 // Only the hash sources, their tests and their benchmark include this header.
 #pragma once
 
-#include <bit>
 #include <cstddef>
 #include <cstdint>
-#include <cstring>
 
+#include "base/bigendian.h"
 #include "base/hash.h"
 
 // Running state of either engine, placed in hash_context::engine_state by
@@ -25,14 +24,6 @@ static_assert(alignof(hash_engine) <= alignof(hash_context));
 // A block function folds `count` whole 64-byte blocks at `blocks` into the
 // chaining value `words`. The blocks need no particular alignment.
 using hash_blocks_fn = void (*)(uint32_t* words, const uint8_t* blocks, size_t count);
-
-// The 32-bit word at `bytes`, most significant byte first, at any alignment.
-inline uint32_t hash_load_big_endian(const uint8_t* bytes) {
-  uint32_t word;
-  memcpy(&word, bytes, sizeof word);
-  if constexpr (std::endian::native == std::endian::little) word = __builtin_bswap32(word);
-  return word;
-}
 
 // The 64 round constants of SHA-256, shared by both of its block functions.
 extern const uint32_t hash_sha256_constants[64];

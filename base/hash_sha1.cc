@@ -11,7 +11,7 @@ using std::rotl;
 
 // Word i of the schedule; from 16 on it is written over word i - 16 in the ring.
 [[gnu::always_inline]] inline uint32_t word_at(uint32_t* ring, const uint8_t* block, int i) {
-  if (i < 16) return ring[i] = hash_load_big_endian(block + 4 * i);
+  if (i < 16) return ring[i] = bigendian_load32(block + 4 * i);
   uint32_t mixed = ring[(i - 3) & 15] ^ ring[(i - 8) & 15] ^ ring[(i - 14) & 15] ^ ring[i & 15];
   return ring[i & 15] = rotl(mixed, 1);
 }

@@ -56,7 +56,7 @@ void fold_block(uint32_t* words, const uint8_t* block) {
 #pragma GCC unroll 2
   for (int i = 0; i < 16; i += 8) {
 #pragma GCC unroll 8
-    for (int j = 0; j < 8; ++j) ring[i + j] = hash_load_big_endian(block + 4 * (i + j));
+    for (int j = 0; j < 8; ++j) ring[i + j] = bigendian_load32(block + 4 * (i + j));
     round(a, b, d, e, f, g, h, previous, k[i] + ring[i]);
     round(h, a, c, d, e, f, g, previous, k[i + 1] + ring[i + 1]);
     round(g, h, b, c, d, e, f, previous, k[i + 2] + ring[i + 2]);

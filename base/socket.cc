@@ -16,6 +16,8 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include "base/bigendian.h"
+
 namespace {
 
 const char* family_error = "";
@@ -291,10 +293,11 @@ int socket_msg_send_dup(socket_record* sock, const socket_address* destination,
   if (message->size > socket_message_max) return fail(sock, EMSGSIZE);
   if (message->size == 0) return fail(sock, EINVAL);
 
-  uint32_t word = htonl(static_cast<uint32_t>(message->size));
+  uint8_t word[4];
+  bigendian_store32(word, static_cast<uint32_t>(message->size));
   iovec vector[2];
   int pieces = 0;
-  if (sock->type == SOCK_STREAM) vector[pieces++] = {&word, sizeof word};
+  if (sock->type == SOCK_STREAM) vector[pieces++] = {word, sizeof word};
   vector[pieces++] = {const_cast<void*>(message->data), message->size};
 
   msghdr header{};
@@ -352,9 +355,7 @@ int socket_msg_recv_dup(socket_record* sock, socket_address* source, socket_mess
       return 0;
     }
     if (got < 4) return fail_receive(sock, EIO, arrived);
-    uint32_t length;
-    memcpy(&length, word, sizeof length);
-    expected = ntohl(length);
+    expected = bigendian_load32(word);
     // Refused before the payload is touched; the stream is out of step now.
     if (expected > socket_message_max) return fail_receive(sock, EMSGSIZE, arrived);
     flags = MSG_WAITALL;

@@ -1,12 +1,12 @@
 // Byte streams over a connected stream socket: the chunked reader and writer,
 // the zero-terminated writer, and the chunked relay.
-#include <arpa/inet.h>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include "base/bigendian.h"
 #include "base/runtime.h"
 #include "base/socket.h"
 
@@ -54,15 +54,12 @@ int send_exact(socket_record* sock, const void* buffer, uint64_t count) {
   return 0;
 }
 
-void encode_header(uint8_t* out, uint32_t length) {
-  uint32_t word = htonl(length);
-  memcpy(out, &word, sizeof word);
-}
+void encode_header(uint8_t* out, uint32_t length) { bigendian_store32(out, length); }
 
 int receive_header(socket_record* sock, uint32_t* length) {
-  uint32_t word;
-  if (receive_exact(sock, &word, sizeof word) != 0) return -1;
-  *length = ntohl(word);
+  uint8_t word[4];
+  if (receive_exact(sock, word, sizeof word) != 0) return -1;
+  *length = bigendian_load32(word);
   return 0;
 }
 

@@ -11,7 +11,7 @@
 
 #include "protocol/appsrv_protocol_reply/appsrv_protocol_reply.h"
 #include "protocol/appsrv_protocol_request/appsrv_protocol_request.h"
-#include "protocol/bigendian.h"
+#include "base/bigendian.h"
 
 #define REQ(name) image___appsrv_protocol_request___##name
 #define REP(name) image___appsrv_protocol_reply___##name

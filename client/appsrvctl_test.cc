@@ -43,14 +43,15 @@ Request parse_request(const socket_message& message) {
   auto text = [](const message_text& field) { return " " + std::string(field.text, field.length); };
   void* payload = root->type.payload;
   Request request;
-  // The variants: 0 delete, 1 list, 2 rename, 3 select, 4 upload.
   uint32_t tag = parsed == 0 && root->type.set ? root->type.tag : 99;
-  if (tag == 1) request.what = "list";
-  if (tag == 0) request.what = "delete" + text(static_cast<REQ(root___type___delete_t)*>(payload)->stack_name);
-  if (tag == 3) request.what = "select" + text(static_cast<REQ(root___type___select_t)*>(payload)->stack_name);
-  if (auto* rename = static_cast<REQ(root___type___rename_t)*>(payload); tag == 2)
+  if (tag == REQ(root_t___type___tag___list)) request.what = "list";
+  if (tag == REQ(root_t___type___tag___delete))
+    request.what = "delete" + text(static_cast<REQ(root___type___delete_t)*>(payload)->stack_name);
+  if (tag == REQ(root_t___type___tag___select))
+    request.what = "select" + text(static_cast<REQ(root___type___select_t)*>(payload)->stack_name);
+  if (auto* rename = static_cast<REQ(root___type___rename_t)*>(payload); tag == REQ(root_t___type___tag___rename))
     request.what = "rename" + text(rename->old_name) + text(rename->new_name);
-  if (auto* upload = static_cast<REQ(root___type___upload_t)*>(payload); tag == 4) {
+  if (auto* upload = static_cast<REQ(root___type___upload_t)*>(payload); tag == REQ(root_t___type___tag___upload)) {
     request.what = "upload" + text(upload->stack_name);
     request.image_size = upload->image_size.value;
   }
@@ -265,12 +266,12 @@ TEST(Appsrvctl, OutcomesEndWithTheirStatusAndForceForgivesAnUnknownName) {
       {{{kFailure, {"unknown name"}}}, {"rm", "--force", "gone"}, {}, 0, "", "@delete 'gone': already gone\n",
        "delete gone"},
       {{{kEmpty}}, {"delete", "app"}, {}, 0, "", "@delete 'app': deleted\n", "delete app"},
-      {{{kEmpty}}, {"delete", "tab\there"}, {}, 1, "", "@delete 'tab\\x09here': invalid name\n", ""},
+      {{{kEmpty}}, {"delete", "tab\there"}, {}, 1, "", "appsrvctl: delete 'tab\\x09here': invalid name\n", ""},
       {{{kFailure, {"spawn child"}}}, {"select", "x"}, {}, 1, "", "@select 'x': spawn child\n", "select x"},
       {{{kFailure, {"duplicate name"}}}, {"rename", "dup", "b"}, {}, 4, "", "@rename 'dup' to 'b': duplicate name\n",
        "rename dup b"},
       {{{kEmpty}}, {"rename", "ok", std::string(1024, 'n')}, {}, 1, "",
-       "@rename 'ok' to '" + std::string(1024, 'n') + "': invalid new name\n", ""},
+       "appsrvctl: rename 'ok' to '" + std::string(1024, 'n') + "': invalid new name\n", ""},
       // The renamed stack takes the connection over; nothing is sent to it.
       {{{kUpgrade}}, {"rename", "old", "new"}, {"must not be sent\n"}, 0, "", "@rename 'old' to 'new': renamed\n",
        "rename old new"},
@@ -282,7 +283,9 @@ TEST(Appsrvctl, OutcomesEndWithTheirStatusAndForceForgivesAnUnknownName) {
 
 TEST(Appsrvctl, UploadChecksTheNameFirstThenStreamsTheImageAndTakesAnEarlyRefusal) {
   check({
-      {{{kEmpty}}, {"upload", "a\nb", "IMAGE"}, {}, 1, "", "@upload 'a\\x0ab': invalid name\n", ""},
+      {{{kEmpty}}, {"upload", "a\nb", "IMAGE"}, {}, 1, "", "appsrvctl: upload 'a\\x0ab': invalid name\n", ""},
+      {{{kEmpty}}, {"upload", "app", "/"}, {}, 1, "", "appsrvctl: upload 'app': cannot pack '/': no appsrv.toml at its top\n",
+       ""},
       {{{kNames, {"app", "other"}}}, {"upload", "app", "IMAGE"}, {}, 4, "", "@upload 'app': duplicate name\n", "list"},
       {{{kNames, {"other"}}, {kEmpty}}, {"upload", "app", "BIG"}, {}, 0, "", "@upload 'app': deployed (16.0 MiB)\n",
        "list; upload app"},
@@ -336,7 +339,9 @@ TEST(Appsrvctl, UnreachableOrSilentDaemonsEndWithStatusFiveWithinTheTimeout) {
   std::string gone = FakeDaemon({Reply(kEmpty)}).address();
   Outcome refused = run({"--address", gone, "ls"});
   EXPECT_EQ(refused.status, 5);
-  EXPECT_EQ(refused.err, "appsrvctl: " + gone + ": list: cannot connect: Connection refused\n");
+  EXPECT_EQ(refused.err, "appsrvctl: " + gone + ": list: cannot connect: Connection refused\n"
+                         "appsrvctl: hint: no daemon is listening there; start one with tools/run-daemon.sh (or "
+                         "systemctl start appsrv), or give the address of a running one with --address\n");
 
   // A listener with a full queue drops further connection attempts, so
   // connect would wait for the kernel's retries.

@@ -4,14 +4,31 @@
 #include <cstdio>
 #include <unistd.h>
 
-void ctl_report(const ctl_options* options, const char* format, ...) {
-  fprintf(stderr, "appsrvctl: %s: ", options->address.display);
-  va_list arguments;
-  va_start(arguments, format);
+namespace {
+
+// One message line on standard error: "appsrvctl: ", the place (the daemon's
+// address, or nothing), then the text.
+void vreport(const char* place, const char* format, va_list arguments) {
+  fprintf(stderr, "appsrvctl: %s%s", place, place[0] != '\0' ? ": " : "");
   vfprintf(stderr, format, arguments);
-  va_end(arguments);
   fputc('\n', stderr);
   fflush(stderr);
+}
+
+}  // namespace
+
+void ctl_report(const ctl_options* options, const char* format, ...) {
+  va_list arguments;
+  va_start(arguments, format);
+  vreport(options->address.display, format, arguments);
+  va_end(arguments);
+}
+
+void ctl_report_local(const char* format, ...) {
+  va_list arguments;
+  va_start(arguments, format);
+  vreport("", format, arguments);
+  va_end(arguments);
 }
 
 std::string ctl_quote(const char* name) { return "'" + ctl_terminal_escape(name) + "'"; }
@@ -25,7 +42,12 @@ int ctl_exchange(const ctl_options* options, const std::string& what, const std:
   if (result == 0) result = ctl_receive_reply(&sock, options->timeout_ms, reply, &fault);
   socket_close(&sock);
   if (result == 0) return 0;
+  return ctl_report_fault(options, what, fault);
+}
+
+int ctl_report_fault(const ctl_options* options, const std::string& what, const ctl_fault& fault) {
   ctl_report(options, "%s: %s", what.c_str(), fault.text.c_str());
+  if (!fault.hint.empty()) fprintf(stderr, "appsrvctl: hint: %s\n", fault.hint.c_str());
   return fault.status;
 }
 
@@ -68,7 +90,7 @@ int ctl_run_delete(const ctl_options* options) {
   const char* name = options->operands[0];
   std::string what = "delete " + ctl_quote(name);
   if (!ctl_name_valid(name)) {
-    ctl_report(options, "%s: invalid name", what.c_str());
+    ctl_report_local("%s: invalid name", what.c_str());
     return CTL_FAILED;
   }
   ctl_reply reply{};
@@ -90,11 +112,11 @@ int ctl_run_rename(const ctl_options* options) {
   const char* new_name = options->operands[1];
   std::string what = "rename " + ctl_quote(old_name) + " to " + ctl_quote(new_name);
   if (!ctl_name_valid(old_name)) {
-    ctl_report(options, "%s: invalid old name", what.c_str());
+    ctl_report_local("%s: invalid old name", what.c_str());
     return CTL_FAILED;
   }
   if (!ctl_name_valid(new_name)) {
-    ctl_report(options, "%s: invalid new name", what.c_str());
+    ctl_report_local("%s: invalid new name", what.c_str());
     return CTL_FAILED;
   }
   ctl_reply reply{};

@@ -20,6 +20,11 @@ int ctl_run_select(const ctl_options* options);  // ctl_select.cc
 // standard error.
 void ctl_report(const ctl_options* options, const char* format, ...) __attribute__((format(printf, 2, 3)));
 
+// Writes "appsrvctl: " and the formatted text with a newline on standard
+// error: for what is found wrong before anything is sent, so that no address
+// is named as if the daemon had answered.
+void ctl_report_local(const char* format, ...) __attribute__((format(printf, 1, 2)));
+
 // A name as it appears in messages: single-quoted and terminal-safe.
 std::string ctl_quote(const char* name);
 
@@ -27,6 +32,10 @@ std::string ctl_quote(const char* name);
 // filled, or the status to end with after reporting "what: fault".
 int ctl_exchange(const ctl_options* options, const std::string& what, const std::string& request,
                  ctl_reply* reply);
+
+// Ends a command on a fault of the exchange: reports "what: fault" and the
+// fault's hint, returns its status.
+int ctl_report_fault(const ctl_options* options, const std::string& what, const ctl_fault& fault);
 
 // Ends a command on a failure reply: reports `what: reason`, returns its status.
 int ctl_report_failure(const ctl_options* options, const std::string& what, const ctl_reply* reply);

@@ -72,7 +72,7 @@ int ctl_run_select(const ctl_options* options) {
   const char* name = options->operands[0];
   std::string what = "select " + ctl_quote(name);
   if (!ctl_name_valid(name)) {
-    ctl_report(options, "%s: invalid name", what.c_str());
+    ctl_report_local("%s: invalid name", what.c_str());
     return CTL_FAILED;
   }
   std::string request = ctl_encode_request(CTL_SELECT, name, nullptr, 0);
@@ -85,8 +85,7 @@ int ctl_run_select(const ctl_options* options) {
     if (result == 0) result = ctl_receive_reply(&sock, options->timeout_ms, &reply, &fault);
     if (result != 0) {
       socket_close(&sock);
-      ctl_report(options, "%s: %s", what.c_str(), fault.text.c_str());
-      return fault.status;
+      return ctl_report_fault(options, what, fault);
     }
     if (reply.kind == CTL_REPLY_UPGRADE) {
       int status = join(options, what, sock.descriptor);

@@ -64,7 +64,7 @@ int open_file(const ctl_options* options, const std::string& what, image_source*
   std::string shown = ctl_quote(path);
   int descriptor = source->file = open(path, O_RDONLY | O_CLOEXEC);
   if (descriptor < 0) {
-    ctl_report(options, "%s: cannot open %s: %s", what.c_str(), shown.c_str(), strerror(errno));
+    ctl_report_local("%s: cannot open %s: %s", what.c_str(), shown.c_str(), strerror(errno));
     return CTL_FAILED;
   }
   struct stat info{};
@@ -75,7 +75,7 @@ int open_file(const ctl_options* options, const std::string& what, image_source*
   else if (!S_ISREG(info.st_mode)) problem = "not a regular file";
   else if (info.st_size == 0) problem = "empty file";
   if (problem != nullptr) {
-    ctl_report(options, "%s: cannot send %s: %s", what.c_str(), shown.c_str(), problem);
+    ctl_report_local("%s: cannot send %s: %s", what.c_str(), shown.c_str(), problem);
     close(descriptor);
     source->file = -1;
     return CTL_FAILED;
@@ -93,7 +93,7 @@ int open_source(const ctl_options* options, const std::string& what, image_sourc
   int packed = options->service ? ctl_bundle_program(path, &source->bundle, &error)
                                 : ctl_bundle_directory(path, &source->bundle, &error);
   if (packed != 0) {
-    ctl_report(options, "%s: %s", what.c_str(), error.c_str());
+    ctl_report_local("%s: %s", what.c_str(), error.c_str());
     return CTL_FAILED;
   }
   source->packed = true;
@@ -201,7 +201,7 @@ int ctl_run_upload(const ctl_options* options) {
   const char* name = options->operands[0];
   std::string what = "upload " + ctl_quote(name);
   if (!ctl_name_valid(name)) {
-    ctl_report(options, "%s: invalid name", what.c_str());
+    ctl_report_local("%s: invalid name", what.c_str());
     return CTL_FAILED;
   }
   image_source source;
@@ -222,10 +222,7 @@ int ctl_run_upload(const ctl_options* options) {
   if (result == 0) result = ctl_receive_reply(&sock, options->timeout_ms, &reply, &fault);
   socket_close(&sock);
   if (source.file >= 0) close(source.file);
-  if (result != 0) {
-    ctl_report(options, "%s: %s", what.c_str(), fault.text.c_str());
-    return fault.status;
-  }
+  if (result != 0) return ctl_report_fault(options, what, fault);
   if (reply.kind == CTL_REPLY_FAILURE) return ctl_report_failure(options, what, &reply);
   ctl_report(options, "%s: deployed (%s)", what.c_str(), ctl_human_bytes(source.size).c_str());
   return CTL_OK;

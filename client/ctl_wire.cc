@@ -28,6 +28,16 @@ int fail(ctl_fault* fault, ctl_status status, std::string text) {
   return -1;
 }
 
+// A refused connection almost always means that no daemon runs at that
+// address, which the system's text alone does not tell a new user.
+int fail_to_connect(ctl_fault* fault, int error) {
+  fail(fault, CTL_UNREACHABLE, std::string("cannot connect: ") + strerror(error));
+  if (error == ECONNREFUSED)
+    fault->hint = "no daemon is listening there; start one with tools/run-daemon.sh (or systemctl start appsrv), "
+                  "or give the address of a running one with --address";
+  return -1;
+}
+
 // Builds the tree for one request; refusals of the setters cannot happen on a
 // fresh root, but the recovery point catches them all the same.
 void build_request(dympage* arena, request_root* root, ctl_command command, const char* first, const char* second,
@@ -75,18 +85,18 @@ void build_request(dympage* arena, request_root* root, ctl_command command, cons
 
 void read_reply(const reply_root* root, ctl_reply* reply) {
   *reply = ctl_reply{};
-  if (root->status.tag == 0) {
+  if (root->status.tag == image___appsrv_protocol_reply___root_t___status___tag___failure) {
     auto* failure = static_cast<const reply_failure*>(root->status.payload);
     reply->kind = CTL_REPLY_FAILURE;
     reply->reason.assign(failure->reason.text, failure->reason.length);
     return;
   }
-  if (root->status.tag == 2) {
+  if (root->status.tag == image___appsrv_protocol_reply___root_t___status___tag___upgrade) {
     reply->kind = CTL_REPLY_UPGRADE;
     return;
   }
   auto* success = static_cast<const reply_success*>(root->status.payload);
-  if (success->type.tag == 1) {
+  if (success->type.tag == image___appsrv_protocol_reply___root___status___success_t___type___tag___empty) {
     reply->kind = CTL_REPLY_EMPTY;
     return;
   }
@@ -105,7 +115,7 @@ void read_reply(const reply_root* root, ctl_reply* reply) {
 // A reply whose variants a reader can follow: every variant on the path set.
 bool reply_complete(const reply_root* root) {
   if (!root->status.set) return false;
-  if (root->status.tag != 1) return true;
+  if (root->status.tag != image___appsrv_protocol_reply___root_t___status___tag___success) return true;
   return static_cast<const reply_success*>(root->status.payload)->type.set != 0;
 }
 
@@ -139,7 +149,7 @@ int ctl_connect(const ctl_address* address, uint32_t timeout_ms, socket_record* 
   if (result != 0 && errno != EINPROGRESS) {
     int error = errno;
     close(descriptor);
-    return fail(fault, CTL_UNREACHABLE, std::string("cannot connect: ") + strerror(error));
+    return fail_to_connect(fault, error);
   }
   if (result != 0) {
     int ready = ctl_wait(descriptor, POLLOUT, timeout_ms);
@@ -153,7 +163,7 @@ int ctl_connect(const ctl_address* address, uint32_t timeout_ms, socket_record* 
     if (getsockopt(descriptor, SOL_SOCKET, SO_ERROR, &error, &length) != 0) error = errno;
     if (error != 0) {
       close(descriptor);
-      return fail(fault, CTL_UNREACHABLE, std::string("cannot connect: ") + strerror(error));
+      return fail_to_connect(fault, error);
     }
   }
   // Adopting makes the descriptor blocking again.

@@ -24,11 +24,14 @@ struct ctl_reply {
   std::vector<std::string> names;  // CTL_REPLY_NAMES, in the daemon's (ascending) order
 };
 
-// What went wrong when a call below fails: the exit status to end with and a
-// text such as "cannot connect: Connection refused" (no prefix, no newline).
+// What went wrong when a call below fails: the exit status to end with, a
+// text such as "cannot connect: Connection refused" (no prefix, no newline),
+// and, where a person needs more than the system's text to act on it, a hint
+// saying what to do (empty otherwise).
 struct ctl_fault {
   ctl_status status;
   std::string text;
+  std::string hint{};
 };
 
 // Opens a TCP connection to `address`, giving up after `timeout_ms`. The

@@ -2,7 +2,7 @@
 
 #include <cstring>
 
-#include "protocol/bigendian.h"
+#include "base/bigendian.h"
 
 const char message_fingerprint[65] = "d95b246cca0c3b04d105771d58246fa0e706a6d44ac97d6cb4bab99390a02582";
 

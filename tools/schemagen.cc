@@ -261,6 +261,10 @@ class Generator {
   std::string field_op(const Node& node, const Field& field, const std::string& op) const {
     return type(node) + "___" + field.name + "___" + op;
   }
+  // The named tag of an alternative: root_t___type___tag___delete.
+  std::string tag_name(const Node& node, const Field& field, const Alternative& alternative) const {
+    return field_op(node, field, "tag___" + alternative.name);
+  }
   std::string dotted(const Node& node) const { return join(node.path, "."); }
   // File-local helpers use single underscores: identifiers with a double one
   // are reserved to the flat names of the module's interface.
@@ -365,6 +369,10 @@ void Generator::declare_node(std::string& out, const Node& node) const {
         out += "int " + field_op(node, field, "iwrite_set") + "(dympage* arena, " + holder + "* holder, int64_t value);\n";
         break;
       case Kind::variant:
+        // Readers compare a variant's tag with these names, never with a number.
+        for (const Alternative& alternative : field.alternatives)
+          out += "constexpr uint32_t " + tag_name(node, field, alternative) + " = " +
+                 std::to_string(alternative.tag) + ";\n";
         for (const Alternative& alternative : field.alternatives) {
           std::string payload = type(child(node, field, alternative));
           out += payload + "* " + field_op(node, field, "iwrite_setto___" + alternative.name) + "(dympage* arena, " + holder + "* holder);\n";
@@ -473,7 +481,7 @@ void Generator::define_reader(std::string& out, const Node& node) const {
         out += "    switch (tag) {\n";
         for (const Alternative& alternative : field.alternatives) {
           const Node& inner = child(node, field, alternative);
-          out += "      case " + std::to_string(alternative.tag) + ":\n";
+          out += "      case " + tag_name(node, field, alternative) + ":\n";
           out += "        step = " + local("read", inner) + "(reader, " +
                  field_op(node, field, "iwrite_setto___" + alternative.name) + "(reader->arena, node));\n";
           out += "        break;\n";
@@ -518,7 +526,7 @@ void Generator::define_writer(std::string& out, const Node& node) const {
         out += "  switch (node->" + field.name + ".tag) {\n";
         for (const Alternative& alternative : field.alternatives) {
           const Node& inner = child(node, field, alternative);
-          out += "    case " + std::to_string(alternative.tag) + ":\n";
+          out += "    case " + tag_name(node, field, alternative) + ":\n";
           out += "      if (" + local("write", inner) + "(writer, static_cast<const " + type(inner) + "*>(node->" +
                  field.name + ".payload)) != 0)\n        return -1;\n";
           out += "      break;\n";
@@ -539,7 +547,11 @@ void Generator::define_node(std::string& out, const Node& node) const {
     const std::string& variant = node.variant->name;
     out += holder + "* " + holder + "___allocate_f(dympage* arena, " + outer + "* holder) {\n";
     out += "  auto* node = message_node_allocate<" + holder + ">(arena, holder);\n";
-    out += "  holder->" + variant + ".tag = " + std::to_string(node.tag) + ";\n";
+    const Node& outer_node = nodes_[node.holder];
+    const Alternative* alternative = nullptr;
+    for (const Alternative& candidate : node.variant->alternatives)
+      if (&candidate.record == node.record) alternative = &candidate;
+    out += "  holder->" + variant + ".tag = " + tag_name(outer_node, *node.variant, *alternative) + ";\n";
     out += "  holder->" + variant + ".payload = node;\n";
     out += "  return node;\n}\n\n";
   }
@@ -564,7 +576,7 @@ void Generator::define_node(std::string& out, const Node& node) const {
           out += "  return " + payload + "___allocate_f(arena, holder);\n}\n\n";
           out += payload + "* " + field_op(node, field, "iwrite_to___" + alternative.name) + "(dympage* arena, " + holder + "* holder) {\n";
           out += "  bool refused;\n";
-          out += "  void* chosen = message_variant_reuse(holder, &holder->" + field.name + ", " + std::to_string(alternative.tag) +
+          out += "  void* chosen = message_variant_reuse(holder, &holder->" + field.name + ", " + tag_name(node, field, alternative) +
                  ", " + refusal(field) + ", &refused);\n";
           out += "  if (chosen != nullptr) return static_cast<" + payload + "*>(chosen);\n";
           out += "  if (refused) return nullptr;\n";

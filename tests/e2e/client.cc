@@ -101,13 +101,13 @@ std::string Connection::reply() {
   istream* in = istream_create_memory(payload.data(), payload.size());
   bool parsed = REP(parse_bin_f)(arena, root, in) == 0 && root->status.set;
   istream_destroy(in);
-  if (parsed && root->status.tag == 0) {
+  if (parsed && root->status.tag == REP(root_t___status___tag___failure)) {
     auto* failure = static_cast<REP(root___status___failure_t)*>(root->status.payload);
     text = "failure: " + std::string(failure->reason.text, failure->reason.length);
-  } else if (parsed && root->status.tag == 1) {
+  } else if (parsed && root->status.tag == REP(root_t___status___tag___success)) {
     auto* success = static_cast<REP(root___status___success_t)*>(root->status.payload);
     text = "success";
-    if (success->type.set && success->type.tag == 0) {
+    if (success->type.set && success->type.tag == REP(root___status___success_t___type___tag___data)) {
       text = "names:";
       auto* data = static_cast<REP(root___status___success___type___data_t)*>(success->type.payload);
       message_cursor cursor;

@@ -1,7 +1,8 @@
-// Big-endian integers in byte buffers: every integer on the wire, in the
-// message encoding and in the socket framing alike, goes most significant
-// byte first. Byte-wise shifts keep these free of alignment and host-order
-// assumptions.
+// Big-endian integers in byte buffers, the one place the system spells byte
+// order: every integer on the wire (the message encoding, the socket frames
+// and chunks) and every word of a digest goes most significant byte first.
+// Byte-wise shifts keep these free of alignment and host-order assumptions;
+// the compiler turns them into one load or store and a byte swap.
 #pragma once
 
 #include <cstdint>
