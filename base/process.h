@@ -6,7 +6,9 @@
 // child (missing program, bad working directory, ...) comes back through a
 // close-on-exec report pipe before the call returns, and the failed child has
 // been collected by then. Only descriptors whose close-on-exec flag is clear
-// pass to the child (see socket_inherit); everything else stays behind.
+// pass to the child (see socket_inherit), and none of those either when the
+// caller asks for the others closed; everything else stays behind. Every
+// child starts with default signal dispositions and an empty signal mask.
 #pragma once
 
 #include <cstdint>

@@ -78,11 +78,10 @@ int runenv_deploy(runenv_stack* stack, int descriptor) {
 }
 
 int runenv_resume(runenv_stack* stack) {
-  bucket manifest = fs_copy(&stack->app_path);
-  fs_join(&manifest, "appsrv.toml");
+  // Only a bundle's deployment makes app/; one that lost its manifest since
+  // is refused rather than run as an executable image.
   struct stat info;
-  stack->bundle = lstat(bucket_cstring(&manifest), &info) == 0;
-  bucket_release(&manifest);
+  stack->bundle = lstat(bucket_cstring(&stack->app_path), &info) == 0;
   if (stack->bundle) {
     bucket reason{};
     if (runenv_manifest_load(bucket_cstring(&stack->app_path), &stack->manifest, &reason) != 0) {
