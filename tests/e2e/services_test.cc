@@ -7,7 +7,7 @@
 #include <archive_entry.h>
 #include <csignal>
 #include <cstdlib>
-#include <functional>
+#include <ctime>
 #include <map>
 #include <nlohmann/json.hpp>
 #include <regex>
@@ -15,6 +15,7 @@
 #include <string>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
+#include <unistd.h>
 #include <vector>
 
 #include "tests/e2e/appsrvctl.h"
@@ -122,11 +123,11 @@ class Services : public testing::Test {
   Daemon daemon_{APPSRV_RUNTIME};
 };
 
-// Milliseconds of the day from a log line's time stamp.
+// A log line's time stamp in milliseconds since the epoch.
 int64_t stamp_ms(const std::string& line) {
-  int hours = 0, minutes = 0, seconds = 0, milliseconds = 0;
-  sscanf(line.c_str() + 11, "%d:%d:%d.%d", &hours, &minutes, &seconds, &milliseconds);
-  return ((hours * 60 + minutes) * 60 + seconds) * 1000 + milliseconds;
+  tm parts{};
+  strptime(line.c_str(), "%Y-%m-%dT%H:%M:%S", &parts);
+  return int64_t{timegm(&parts)} * 1000 + atoi(line.c_str() + 20);
 }
 
 std::vector<std::string> lines_with(const std::string& text, const std::string& part) {
@@ -247,7 +248,7 @@ TEST_F(Services, TheLogRotatesAtOneMebibyteKeepingEveryLineAndSplitsLongOnes) {
   // Some 1.8 MiB of log: one rotation, so nothing is lost yet.
   std::string run = "head -c 10000 /dev/zero | tr '\\0' x; echo\nseq 1 40000\nexec sleep 300\n";
   ASSERT_EQ(upload("chatty", bundle("chatty", kManifest, run)).status, 0);
-  ASSERT_TRUE(eventually([&] { return contains(log("chatty"), "] 40000\n"); })) << log("chatty").size();
+  ASSERT_TRUE(eventually([&] { return contains(log("chatty"), "] 40000\n"); }, 15000)) << log("chatty").size();
   EXPECT_EQ(entries(store("chatty") + "/log"), (Names{"current", "previous"}));
   std::string previous = read_file(store("chatty") + "/log/previous");
   EXPECT_GT(previous.size(), 1u << 20);
