@@ -7,27 +7,31 @@
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
+#include <sys/prctl.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include "base/runtime.h"
 
-namespace {
+extern char** environ;
 
-// A standard stream connected to a file: the file is opened twice, and
-// `used` is the one the child puts onto `target`.
-struct redirect {
-  int mode;
-  int target;
-  int used = -1;
-  int twin = -1;
-};
+namespace {
 
 // Descriptor 0 is never closed here: -1 and 0 both stand for nothing of ours.
 void close_descriptor(int* descriptor) {
   if (*descriptor > 0) close(*descriptor);
   *descriptor = -1;
 }
+
+// A standard stream of process_create_child connected to a file: the file is
+// opened twice, and `used` is the one the child gets as `target`.
+struct redirect {
+  int mode;
+  int target;
+  int used = -1;
+  int twin = -1;
+};
 
 void close_redirects(redirect* streams) {
   for (int i = 0; i < 3; ++i) {
@@ -52,49 +56,95 @@ int open_redirect(redirect* stream, const char* path) {
   return 0;
 }
 
-// In the child. dup2 leaves the copy without close-on-exec; a file that
-// already landed on its target number (the daemon had that stream closed)
-// only has the flag cleared and is kept.
-int move_onto_target(const redirect* stream) {
-  if (stream->mode == PROCESS_INHERIT) return 0;
-  if (stream->used == stream->target) {
-    int flags = fcntl(stream->used, F_GETFD);
-    if (flags < 0 || fcntl(stream->used, F_SETFD, flags & ~FD_CLOEXEC) != 0) return -1;
-  } else if (dup2(stream->used, stream->target) < 0) {
-    return -1;
-  }
-  if (stream->used != stream->target && stream->used > 0) close(stream->used);
-  if (stream->twin != stream->target && stream->twin > 0) close(stream->twin);
-  return 0;
+// Everything below up to execvp runs in the child between fork and exec, so
+// it calls only async-signal-safe functions: no allocation, no stdio, no
+// logging. glibc's execvp searches PATH in a buffer on the stack.
+
+// An ignored signal would stay ignored across exec (the daemon ignores
+// SIGPIPE), and a caught one would run the caller's handler in this copy
+// until exec. Every signal is blocked while this runs, so none slips through
+// before its disposition is reset. KILL, STOP and libc's own refuse; so be it.
+void reset_dispositions() {
+  struct sigaction action {};
+  action.sa_handler = SIG_DFL;
+  sigemptyset(&action.sa_mask);
+  for (int number = 1; number < NSIG; ++number) sigaction(number, &action, nullptr);
 }
 
-// Runs between fork and exec, so it calls only async-signal-safe functions:
-// no allocation, no stdio, no logging. glibc's execvp searches PATH in a
-// buffer on the stack. Any failure writes errno to the report pipe and ends
-// the child with status 1.
-[[noreturn]] void start_child(const char* const argv[], const redirect* streams,
-                              const char* working_directory, bool job, int report) {
-  bool ready = true;
-  for (int i = 0; i < 3 && ready; ++i) ready = move_onto_target(&streams[i]) == 0;
-  if (ready && working_directory != nullptr) ready = chdir(working_directory) == 0;
-  if (ready && job) ready = setpgid(0, 0) == 0;
-  if (ready) execvp(argv[0], const_cast<char* const*>(argv));
-  int error = errno;
+// Puts the chosen descriptors onto 0, 1 and 2. A source that is itself one of
+// the three targets is first copied out of the way, so that no dup2 clobbers
+// a source still to be used; dup2 leaves the copy without close-on-exec, and
+// a source already on its target only has the flag cleared.
+bool move_stdio(const int (&wanted)[3]) {
+  int source[3] = {wanted[0], wanted[1], wanted[2]};
+  for (int target = 0; target < 3; ++target) {
+    if (source[target] < 0 || source[target] > 2 || source[target] == target) continue;
+    source[target] = fcntl(source[target], F_DUPFD_CLOEXEC, 3);
+    if (source[target] < 0) return false;
+  }
+  for (int target = 0; target < 3; ++target) {
+    if (source[target] < 0) continue;
+    if (source[target] == target) {
+      int flags = fcntl(target, F_GETFD);
+      if (flags < 0 || fcntl(target, F_SETFD, flags & ~FD_CLOEXEC) != 0) return false;
+    } else if (dup2(source[target], target) < 0) {
+      return false;
+    }
+  }
+  return true;
+}
+
+// Marks every descriptor above 2 close-on-exec rather than closing it, so
+// that the report pipe stays usable until exec. Kernels before 5.11 lack the
+// flag; the slow walk up to the descriptor limit does the same there.
+bool seal_others() {
+  if (close_range(3, ~0U, CLOSE_RANGE_CLOEXEC) == 0) return true;
+  rlimit limit{};
+  if (getrlimit(RLIMIT_NOFILE, &limit) != 0) return false;
+  for (rlim_t number = 3; number < limit.rlim_cur; ++number) fcntl(static_cast<int>(number), F_SETFD, FD_CLOEXEC);
+  return true;
+}
+
+// A parent that ended before the signal was armed would never deliver it.
+bool arm_death_signal(int number, pid_t parent) {
+  if (prctl(PR_SET_PDEATHSIG, number) != 0) return false;
+  if (getppid() == parent) return true;
+  errno = ESRCH;
+  return false;
+}
+
+// Any failure writes errno to the report pipe and ends the child with status 1.
+[[noreturn]] void start_child(const process_options* options, pid_t parent, int report) {
+  reset_dispositions();
+  bool ready = options->death_signal == 0 || arm_death_signal(options->death_signal, parent);
+  if (ready) ready = move_stdio(options->stdio);
+  if (ready && options->working_directory != nullptr) ready = chdir(options->working_directory) == 0;
+  if (ready && options->job) ready = setpgid(0, 0) == 0;
+  if (ready && options->close_others) ready = seal_others();
+  if (ready) {
+    sigset_t none;
+    sigemptyset(&none);
+    sigprocmask(SIG_SETMASK, &none, nullptr);
+    if (options->environment != nullptr) environ = const_cast<char**>(options->environment);
+    execvp(options->argv[0], const_cast<char* const*>(options->argv));
+  }
+  int error = errno != 0 ? errno : EINVAL;
   ssize_t written = write(report, &error, sizeof error);
   (void)written;  // nobody is left to tell
   _exit(1);
 }
 
-// End of file means exec succeeded (the child's write end closed on exec);
-// anything else is a report. A signal that interrupts the read is not a
-// report, so the read is simply made again.
-bool child_started(int report) {
+// 0 when the child executed its program (its write end closed on exec
+// without a word), else the error it reported. A signal that interrupts the
+// read is not a report, so the read is simply made again.
+int child_report(int report) {
   int error = 0;
   ssize_t got;
   do {
     got = read(report, &error, sizeof error);
   } while (got < 0 && errno == EINTR);
-  return got == 0;
+  if (got == 0) return 0;
+  return got == sizeof error && error != 0 ? error : EIO;
 }
 
 // The failed child ends right after its report; collect it so that no zombie
@@ -117,31 +167,50 @@ process_status decode(int status) {
 
 }  // namespace
 
-process* process_create_child(const char* const argv[], int stdin_mode, const char* stdin_path,
-                              int stdout_mode, const char* stdout_path,
-                              const char* working_directory, int stderr_mode,
-                              const char* stderr_path, bool job) {
+process* process_spawn(const process_options* options) {
   int report[2];
   if (pipe2(report, O_CLOEXEC) != 0) return nullptr;
-
-  redirect streams[3] = {{stdin_mode, STDIN_FILENO}, {stdout_mode, STDOUT_FILENO},
-                         {stderr_mode, STDERR_FILENO}};
-  const char* paths[3] = {stdin_path, stdout_path, stderr_path};
-  bool opened = true;
-  for (int i = 0; i < 3 && opened; ++i) opened = open_redirect(&streams[i], paths[i]) == 0;
-  pid_t pid = opened ? fork() : -1;
-  if (pid == 0) start_child(argv, streams, working_directory, job, report[1]);
+  // The child starts with every signal blocked and unblocks them only once
+  // their dispositions are back to default.
+  sigset_t all;
+  sigset_t previous;
+  sigfillset(&all);
+  sigprocmask(SIG_SETMASK, &all, &previous);
+  pid_t parent = getpid();
+  pid_t pid = fork();
+  if (pid == 0) start_child(options, parent, report[1]);
+  int error = errno;
+  sigprocmask(SIG_SETMASK, &previous, nullptr);
 
   close_descriptor(&report[1]);
-  bool started = pid > 0 && child_started(report[0]);
+  if (pid > 0) error = child_report(report[0]);
   close_descriptor(&report[0]);
-  close_redirects(streams);
-  if (!started) {
+  if (pid < 0 || error != 0) {
     if (pid > 0) collect_failed(pid);
+    errno = error;
     return nullptr;
   }
   auto* child = static_cast<process*>(runtime_zalloc(sizeof(process)));
   child->pid = pid;
+  return child;
+}
+
+process* process_create_child(const char* const argv[], int stdin_mode, const char* stdin_path,
+                              int stdout_mode, const char* stdout_path,
+                              const char* working_directory, int stderr_mode,
+                              const char* stderr_path, bool job) {
+  redirect streams[3] = {{stdin_mode, STDIN_FILENO}, {stdout_mode, STDOUT_FILENO},
+                         {stderr_mode, STDERR_FILENO}};
+  const char* paths[3] = {stdin_path, stdout_path, stderr_path};
+  for (int i = 0; i < 3; ++i) {
+    if (open_redirect(&streams[i], paths[i]) == 0) continue;
+    close_redirects(streams);
+    return nullptr;
+  }
+  process_options options{.argv = argv, .working_directory = working_directory, .job = job};
+  for (int i = 0; i < 3; ++i) options.stdio[i] = streams[i].used;
+  process* child = process_spawn(&options);
+  close_redirects(streams);
   return child;
 }
 

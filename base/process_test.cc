@@ -202,6 +202,78 @@ TEST(ProcessCreateJob, ChildSeesOnlyTheInheritedDescriptor) {
   for (socket_record* sock : {&node, &copy, &worker, &passed}) socket_close(sock);
 }
 
+// Every field of the options at work at once; the caller ignores and blocks
+// signals and holds a descriptor left inheritable, none of which may reach
+// the child.
+TEST(ProcessSpawn, ChildGetsItsOwnStreamsEnvironmentDirectoryAndCleanSignals) {
+  ASSERT_TRUE(launcher_sealed);
+  scratch_dir dir;
+  int stray = open("/dev/null", O_RDONLY);  // no close-on-exec
+  std::string status = dir.file("status"), listing = dir.file("listing");
+  int status_out = open(status.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0644);
+  int listing_out = open(listing.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0644);
+  sigset_t blocked, previous;
+  sigemptyset(&blocked);
+  sigaddset(&blocked, SIGUSR2);
+  sigprocmask(SIG_BLOCK, &blocked, &previous);
+  signal(SIGUSR1, SIG_IGN);
+
+  const char* show[] = {"sh", "-c", "grep -E '^Sig(Ign|Blk)' /proc/self/status; pwd; echo \"$GREETING\"", nullptr};
+  const char* environment[] = {"GREETING=hi", "PATH=/usr/bin:/bin", nullptr};
+  process_options options{.argv = show, .environment = environment, .working_directory = dir.path};
+  options.stdio[1] = status_out;
+  EXPECT_EQ(finish(process_spawn(&options)), 0);
+  const char* list[] = {APPSRV_LIST_DESCRIPTORS, nullptr};
+  process_options sealed{.argv = list, .close_others = true};
+  sealed.stdio[1] = listing_out;
+  EXPECT_EQ(finish(process_spawn(&sealed)), 0);
+
+  signal(SIGUSR1, SIG_DFL);
+  sigprocmask(SIG_SETMASK, &previous, nullptr);
+  for (int descriptor : {stray, status_out, listing_out}) close(descriptor);
+  // grep's own view: nothing ignored (not even SIGPIPE), nothing blocked.
+  EXPECT_EQ(read_file(status), "SigBlk:\t0000000000000000\nSigIgn:\t0000000000000000\n" +
+                                   std::filesystem::canonical(dir.path).string() + "\nhi\n");
+  EXPECT_EQ(read_file(listing), "0 1 2\n");
+}
+
+TEST(ProcessSpawn, FailuresComeBackAsErrno) {
+  const char* quick[] = {"true", nullptr};
+  const char* no_path[] = {"PATH=/nonexistent", nullptr};
+  process_options unreachable{.argv = quick, .environment = no_path};  // looked up along the child's PATH
+  process_options nowhere{.argv = quick, .working_directory = "/nonexistent/appsrv-missing-directory"};
+  for (const process_options* options : {&unreachable, &nowhere}) {
+    errno = 0;
+    EXPECT_EQ(process_spawn(options), nullptr);
+    EXPECT_EQ(errno, ENOENT);
+  }
+}
+
+// A child outlives its parent by no more than the parent's end.
+TEST(ProcessSpawn, DeathSignalFollowsTheParent) {
+  ASSERT_EQ(prctl(PR_SET_CHILD_SUBREAPER, 1), 0);
+  int ends[2];
+  ASSERT_EQ(pipe2(ends, O_CLOEXEC), 0);
+  pid_t middle = fork();
+  if (middle == 0) {
+    process_options options{.argv = sleeper, .death_signal = SIGKILL};
+    process* child = process_spawn(&options);
+    pid_t pid = child != nullptr ? child->pid : -1;
+    (void)!write(ends[1], &pid, sizeof pid);
+    _exit(0);
+  }
+  close(ends[1]);
+  pid_t orphan = -1;
+  ASSERT_EQ(read(ends[0], &orphan, sizeof orphan), static_cast<ssize_t>(sizeof orphan));
+  close(ends[0]);
+  ASSERT_GT(orphan, 0);
+  int status = 0;
+  ASSERT_EQ(waitpid(middle, &status, 0), middle);
+  ASSERT_EQ(waitpid(orphan, &status, 0), orphan);
+  EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL);
+  prctl(PR_SET_CHILD_SUBREAPER, 0);
+}
+
 TEST(ProcessExec, ReplacesTheProcess) {
   scratch_dir dir;
   std::string out = dir.file("out");

@@ -283,7 +283,9 @@ TEST(Appsrvctl, OutcomesEndWithTheirStatusAndForceForgivesAnUnknownName) {
 
 TEST(Appsrvctl, UploadChecksTheNameFirstThenStreamsTheImageAndTakesAnEarlyRefusal) {
   check({
-      {{{kEmpty}}, {"upload", "a\nb", "IMAGE"}, {}, 1, "", "@upload 'a\\x0ab': invalid name\n", ""},
+      {{{kEmpty}}, {"upload", "a\nb", "IMAGE"}, {}, 1, "", "appsrvctl: upload 'a\\x0ab': invalid name\n", ""},
+      {{{kEmpty}}, {"upload", "app", "/"}, {}, 1, "", "appsrvctl: upload 'app': cannot pack '/': no appsrv.toml at its top\n",
+       ""},
       {{{kNames, {"app", "other"}}}, {"upload", "app", "IMAGE"}, {}, 4, "", "@upload 'app': duplicate name\n", "list"},
       {{{kNames, {"other"}}, {kEmpty}}, {"upload", "app", "BIG"}, {}, 0, "", "@upload 'app': deployed (16.0 MiB)\n",
        "list; upload app"},

@@ -40,7 +40,7 @@ constexpr const char kProgramHelp[] =
     "\n"
     "Commands:\n"
     "  list, ls              print the names of all stacks, one per line\n"
-    "  upload NAME FILE      deploy the image FILE as a new stack NAME\n"
+    "  upload NAME FILE|DIR  deploy an image or a bundle as a new stack NAME\n"
     "  delete, rm NAME       delete the stack NAME\n"
     "  rename OLD NEW        give the stack OLD the name NEW\n"
     "  select, attach NAME   talk to the application of the stack NAME\n"
@@ -70,12 +70,20 @@ constexpr const char kListHelp[] =
     "Common options: --address HOST:PORT, --timeout SECONDS (see appsrvctl --help).\n";
 
 constexpr const char kUploadHelp[] =
-    "usage: appsrvctl upload NAME FILE\n"
+    "usage: appsrvctl upload [--service] NAME FILE|DIR\n"
     "\n"
-    "Deploy the image FILE as a new stack NAME and report what the new stack\n"
-    "answered. The upload is refused before any image byte is sent when NAME\n"
-    "is invalid or already taken. A progress line is shown on standard error\n"
-    "when it is a terminal (not with NO_COLOR set).\n"
+    "Deploy an application image as a new stack NAME and report what the new\n"
+    "stack answered, its reason in full when it refused. The image is:\n"
+    "  FILE   sent as it is: an executable run once per selected connection, or\n"
+    "         a bundle (.tar, .tar.gz, .tar.zst) with appsrv.toml at its top\n"
+    "  DIR    a directory with appsrv.toml at its top, packed into a bundle\n"
+    "\n"
+    "  --service  wrap the executable FILE into a bundle that runs it as the\n"
+    "             stack's service, restarted when it fails\n"
+    "\n"
+    "The upload is refused before any image byte is sent when NAME is invalid\n"
+    "or already taken. A progress line is shown on standard error when it is a\n"
+    "terminal (not with NO_COLOR set).\n"
     "\n"
     "Common options: --address HOST:PORT, --timeout SECONDS (see appsrvctl --help).\n";
 
@@ -241,6 +249,8 @@ ctl_action ctl_parse(int argc, char** argv, const char* environment_address, ctl
         options->json = 1;
       } else if (strcmp(argument, "--force") == 0) {
         options->force = 1;
+      } else if (strcmp(argument, "--service") == 0) {
+        options->service = 1;
       } else if (matches(argument, "--address")) {
         address_flag = option_value(argc, argv, &i, "--address");
         if (address_flag == nullptr) return set_error(options, "option --address needs HOST:PORT");
@@ -274,6 +284,8 @@ ctl_action ctl_parse(int argc, char** argv, const char* environment_address, ctl
     return set_error(options, "--json applies to list only");
   if (options->force && options->command != CTL_DELETE)
     return set_error(options, "--force applies to delete only");
+  if (options->service && options->command != CTL_UPLOAD)
+    return set_error(options, "--service applies to upload only");
 
   const char* address = address_flag;
   const char* source = "--address";
@@ -308,7 +320,7 @@ const char* ctl_command_name(ctl_command command) {
 const char* ctl_usage_line(ctl_command command) {
   switch (command) {
     case CTL_LIST: return "usage: appsrvctl list [--json]";
-    case CTL_UPLOAD: return "usage: appsrvctl upload NAME FILE";
+    case CTL_UPLOAD: return "usage: appsrvctl upload [--service] NAME FILE|DIR";
     case CTL_DELETE: return "usage: appsrvctl delete [--force] NAME";
     case CTL_RENAME: return "usage: appsrvctl rename OLD NEW";
     case CTL_SELECT: return "usage: appsrvctl select NAME";

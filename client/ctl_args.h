@@ -33,9 +33,10 @@ struct ctl_address {
 struct ctl_options {
   ctl_action action;
   ctl_command command;
-  const char* operands[2];  // borrowed from argv: NAME / NAME FILE / OLD NEW
+  const char* operands[2];  // borrowed from argv: NAME / NAME FILE|DIR / OLD NEW
   int json;  // list --json
   int force;  // delete --force
+  int service;  // upload --service
   ctl_address address;
   uint32_t timeout_ms;  // for connecting and for each wait on the daemon
   char error[256];  // CTL_USAGE: the reason, without prefix or newline

@@ -43,6 +43,7 @@ TEST(CtlArgs, UsageErrorsNameWhatIsWrong) {
            {{"upload", "n"}, "missing arguments for upload"},
            {{"delete", "a", "b"}, "too many arguments for delete"},
            {{"delete", "--json", "a"}, "--json applies to list only"},
+           {{"list", "--service"}, "--service applies to upload only"},
            {{"list", "--address"}, "option --address needs HOST:PORT"},
            {{"list", "--timeout", "0"}, "invalid --timeout '0': give positive seconds up to 2147483"},
        }) {

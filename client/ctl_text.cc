@@ -54,6 +54,12 @@ void append_hex(std::string* out, const char* format, unsigned value) {
 
 }  // namespace
 
+int ctl_utf8_valid(std::string_view text) {
+  for (size_t i = 0, length; i < text.size(); i += length)
+    if ((length = utf8_sequence(text.substr(i))) == 0) return 0;
+  return 1;
+}
+
 std::string ctl_json_string(std::string_view text) {
   std::string out = "\"";
   for (size_t i = 0; i < text.size();) {

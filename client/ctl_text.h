@@ -24,6 +24,9 @@ int ctl_name_valid(std::string_view name);
 // The exit status for a failure reply's reason.
 ctl_status ctl_status_of_reason(std::string_view reason);
 
+// 1 when the text is valid UTF-8 (no overlong forms, no surrogates).
+int ctl_utf8_valid(std::string_view text);
+
 // A JSON string literal, quotes included. Valid UTF-8 passes through; control
 // bytes, quotes and backslashes are escaped; a byte that is not part of valid
 // UTF-8 becomes \ufffd, so the output is always valid JSON.

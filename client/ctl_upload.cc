@@ -1,6 +1,6 @@
-// upload NAME FILE: refuse early what the daemon would refuse only after the
-// whole transfer, then stream the file behind the request and read what the
-// new stack answers.
+// upload NAME FILE|DIR: refuse early what the daemon would refuse only after
+// the whole transfer, then stream the image behind the request (the file as
+// it is, or a bundle packed on the fly) and read what the new stack answers.
 #include <algorithm>
 #include <cerrno>
 #include <cstdlib>
@@ -12,6 +12,7 @@
 #include <unistd.h>
 
 #include "base/runtime.h"
+#include "client/ctl_bundle.h"
 #include "client/ctl_commands.h"
 
 namespace {
@@ -48,29 +49,55 @@ struct progress {
   }
 };
 
+// What goes behind the request: a file sent as it is, or a bundle packed on
+// the fly from a directory or around one program (--service).
+struct image_source {
+  int file = -1;
+  ctl_bundle bundle{};
+  bool packed = false;
+  uint64_t size = 0;
+};
+
 // The file to upload, opened and measured; 0 or the status after reporting.
-int open_image(const ctl_options* options, const std::string& what, int* descriptor, uint64_t* size) {
+int open_file(const ctl_options* options, const std::string& what, image_source* source) {
   const char* path = options->operands[1];
   std::string shown = ctl_quote(path);
-  *descriptor = open(path, O_RDONLY | O_CLOEXEC);
-  if (*descriptor < 0) {
-    ctl_report(options, "%s: cannot open %s: %s", what.c_str(), shown.c_str(), strerror(errno));
+  int descriptor = source->file = open(path, O_RDONLY | O_CLOEXEC);
+  if (descriptor < 0) {
+    ctl_report_local("%s: cannot open %s: %s", what.c_str(), shown.c_str(), strerror(errno));
     return CTL_FAILED;
   }
   struct stat info{};
   const char* problem = nullptr;
   // The request announces the size before the first byte, and the image is
   // never held whole here, so only a file of known size can go.
-  if (fstat(*descriptor, &info) != 0) problem = strerror(errno);
+  if (fstat(descriptor, &info) != 0) problem = strerror(errno);
   else if (!S_ISREG(info.st_mode)) problem = "not a regular file";
   else if (info.st_size == 0) problem = "empty file";
   if (problem != nullptr) {
-    ctl_report(options, "%s: cannot send %s: %s", what.c_str(), shown.c_str(), problem);
-    close(*descriptor);
-    *descriptor = -1;
+    ctl_report_local("%s: cannot send %s: %s", what.c_str(), shown.c_str(), problem);
+    close(descriptor);
+    source->file = -1;
     return CTL_FAILED;
   }
-  *size = static_cast<uint64_t>(info.st_size);
+  source->size = static_cast<uint64_t>(info.st_size);
+  return 0;
+}
+
+int open_source(const ctl_options* options, const std::string& what, image_source* source) {
+  const char* path = options->operands[1];
+  struct stat info{};
+  bool directory = stat(path, &info) == 0 && S_ISDIR(info.st_mode);
+  if (!directory && !options->service) return open_file(options, what, source);
+  std::string error;
+  int packed = options->service ? ctl_bundle_program(path, &source->bundle, &error)
+                                : ctl_bundle_directory(path, &source->bundle, &error);
+  if (packed != 0) {
+    ctl_report_local("%s: %s", what.c_str(), error.c_str());
+    return CTL_FAILED;
+  }
+  source->packed = true;
+  source->size = source->bundle.size;
   return 0;
 }
 
@@ -89,65 +116,83 @@ int check_name_free(const ctl_options* options, const std::string& what, const c
 
 enum stream_end { STREAM_SENT, STREAM_ANSWERED, STREAM_FAULT };
 
-// Sends `size` bytes of the file. Stops early when the daemon answers (it may
-// refuse before taking the whole image) or drops the connection; the caller
-// then reads whatever reply is there.
-stream_end stream_image(const ctl_options* options, int file, uint64_t size, socket_record* sock, ctl_fault* fault) {
-  auto* buffer = static_cast<char*>(runtime_malloc(kChunk));
-  progress bar{progress_wanted(), size, runtime_getclock(), 0, 0};
+// Sends the image's bytes as they come. Stops early when the daemon answers
+// (it may refuse before taking the whole image) or drops the connection;
+// the caller then reads whatever reply is there.
+struct image_sender {
+  const ctl_options* options;
+  socket_record* sock;
+  ctl_fault* fault;
+  progress bar;
   uint64_t sent = 0;
-  uint64_t pending = 0;  // bytes in `buffer` not yet sent
-  uint64_t offset = 0;  // of the first pending byte in `buffer`
   stream_end end = STREAM_SENT;
-  while (sent < size) {
-    int ready = ctl_wait(sock->descriptor, POLLIN | POLLOUT, options->timeout_ms);
-    if (ready == 0) {
-      *fault = {CTL_UNREACHABLE, "timed out after " + ctl_seconds(options->timeout_ms) + " sending the image"};
-      end = STREAM_FAULT;
-      break;
-    }
-    if (ready < 0) {
-      *fault = {CTL_UNREACHABLE, std::string("cannot send the image: ") + strerror(errno)};
-      end = STREAM_FAULT;
-      break;
-    }
-    if ((ready & (POLLIN | POLLHUP | POLLERR)) != 0) {
-      end = STREAM_ANSWERED;
-      break;
-    }
-    if (pending == 0) {
-      ssize_t got = read(file, buffer, std::min(kChunk, size - sent));
-      if (got < 0 && errno == EINTR) continue;
-      if (got <= 0) {
-        *fault = {CTL_FAILED, got == 0 ? std::string("the file shrank while it was sent")
-                                       : std::string("cannot read the file: ") + strerror(errno)};
-        end = STREAM_FAULT;
-        break;
-      }
-      pending = static_cast<uint64_t>(got);
-      offset = 0;
-    }
-    ssize_t put = send(sock->descriptor, buffer + offset, pending, MSG_DONTWAIT | MSG_NOSIGNAL);
-    if (put < 0) {
-      if (errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR) continue;
-      // A daemon that refused early may have closed already; its reply can
-      // still be waiting in the receive queue.
-      if (errno == EPIPE || errno == ECONNRESET) {
-        end = STREAM_ANSWERED;
-        break;
-      }
-      *fault = {CTL_UNREACHABLE, std::string("cannot send the image: ") + strerror(errno)};
-      end = STREAM_FAULT;
-      break;
-    }
-    pending -= static_cast<uint64_t>(put);
-    offset += static_cast<uint64_t>(put);
-    sent += static_cast<uint64_t>(put);
-    bar.draw(sent, sent == size);
+
+  bool stop(stream_end why, ctl_fault what = {}) {
+    end = why;
+    if (why == STREAM_FAULT) *fault = std::move(what);
+    return false;
   }
-  if (bar.enabled && sent < size && bar.width > 0) fputc('\n', stderr);
+
+  // All of `data`, or false once the stream has ended (`end` says how).
+  bool send_all(const char* data, uint64_t size) {
+    if (size > bar.total - sent)
+      return stop(STREAM_FAULT, {CTL_FAILED, "the bundle changed while it was packed"});
+    while (size > 0) {
+      int ready = ctl_wait(sock->descriptor, POLLIN | POLLOUT, options->timeout_ms);
+      if (ready == 0)
+        return stop(STREAM_FAULT, {CTL_UNREACHABLE, "timed out after " + ctl_seconds(options->timeout_ms) +
+                                                        " sending the image"});
+      if (ready < 0) return stop(STREAM_FAULT, {CTL_UNREACHABLE, std::string("cannot send the image: ") + strerror(errno)});
+      if ((ready & (POLLIN | POLLHUP | POLLERR)) != 0) return stop(STREAM_ANSWERED);
+      ssize_t put = ::send(sock->descriptor, data, size, MSG_DONTWAIT | MSG_NOSIGNAL);
+      if (put < 0) {
+        if (errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR) continue;
+        // A daemon that refused early may have closed already; its reply can
+        // still be waiting in the receive queue.
+        if (errno == EPIPE || errno == ECONNRESET) return stop(STREAM_ANSWERED);
+        return stop(STREAM_FAULT, {CTL_UNREACHABLE, std::string("cannot send the image: ") + strerror(errno)});
+      }
+      data += put;
+      size -= static_cast<uint64_t>(put);
+      sent += static_cast<uint64_t>(put);
+      bar.draw(sent, sent == bar.total);
+    }
+    return true;
+  }
+};
+
+void send_file(image_sender* sender, int file) {
+  auto* buffer = static_cast<char*>(runtime_malloc(kChunk));
+  while (sender->sent < sender->bar.total) {
+    ssize_t got = read(file, buffer, std::min(kChunk, sender->bar.total - sender->sent));
+    if (got < 0 && errno == EINTR) continue;
+    if (got <= 0) {
+      sender->stop(STREAM_FAULT, {CTL_FAILED, got == 0 ? std::string("the file shrank while it was sent")
+                                                       : std::string("cannot read the file: ") + strerror(errno)});
+      break;
+    }
+    if (!sender->send_all(buffer, static_cast<uint64_t>(got))) break;
+  }
   free(buffer);
-  return end;
+}
+
+void send_bundle(image_sender* sender, const ctl_bundle* bundle) {
+  std::string error;
+  auto sink = [sender](const void* data, uint64_t size) {
+    return sender->send_all(static_cast<const char*>(data), size);
+  };
+  if (ctl_bundle_write(bundle, sink, &error) != 0 && sender->end == STREAM_SENT)
+    sender->stop(STREAM_FAULT, {CTL_FAILED, error});
+  else if (sender->end == STREAM_SENT && sender->sent != bundle->size)
+    sender->stop(STREAM_FAULT, {CTL_FAILED, "the bundle changed while it was packed"});
+}
+
+stream_end stream_image(const ctl_options* options, image_source* source, socket_record* sock, ctl_fault* fault) {
+  image_sender sender{options, sock, fault, {progress_wanted(), source->size, runtime_getclock(), 0, 0}};
+  if (source->packed) send_bundle(&sender, &source->bundle);
+  else send_file(&sender, source->file);
+  if (sender.bar.enabled && sender.sent < source->size && sender.bar.width > 0) fputc('\n', stderr);
+  return sender.end;
 }
 
 }  // namespace
@@ -156,33 +201,29 @@ int ctl_run_upload(const ctl_options* options) {
   const char* name = options->operands[0];
   std::string what = "upload " + ctl_quote(name);
   if (!ctl_name_valid(name)) {
-    ctl_report(options, "%s: invalid name", what.c_str());
+    ctl_report_local("%s: invalid name", what.c_str());
     return CTL_FAILED;
   }
-  int file = -1;
-  uint64_t size = 0;
-  int status = open_image(options, what, &file, &size);
+  image_source source;
+  int status = open_source(options, what, &source);
   if (status == 0) status = check_name_free(options, what, name);
   if (status != 0) {
-    if (file >= 0) close(file);
+    if (source.file >= 0) close(source.file);
     return status;
   }
 
   socket_record sock{};
   ctl_fault fault{};
   ctl_reply reply{};
+  int64_t size = static_cast<int64_t>(source.size);
   int result = ctl_connect(&options->address, options->timeout_ms, &sock, &fault);
-  if (result == 0)
-    result = ctl_send_request(&sock, ctl_encode_request(CTL_UPLOAD, name, nullptr, static_cast<int64_t>(size)), &fault);
-  if (result == 0 && stream_image(options, file, size, &sock, &fault) == STREAM_FAULT) result = -1;
+  if (result == 0) result = ctl_send_request(&sock, ctl_encode_request(CTL_UPLOAD, name, nullptr, size), &fault);
+  if (result == 0 && stream_image(options, &source, &sock, &fault) == STREAM_FAULT) result = -1;
   if (result == 0) result = ctl_receive_reply(&sock, options->timeout_ms, &reply, &fault);
   socket_close(&sock);
-  close(file);
-  if (result != 0) {
-    ctl_report(options, "%s: %s", what.c_str(), fault.text.c_str());
-    return fault.status;
-  }
+  if (source.file >= 0) close(source.file);
+  if (result != 0) return ctl_report_fault(options, what, fault);
   if (reply.kind == CTL_REPLY_FAILURE) return ctl_report_failure(options, what, &reply);
-  ctl_report(options, "%s: deployed (%s)", what.c_str(), ctl_human_bytes(size).c_str());
+  ctl_report(options, "%s: deployed (%s)", what.c_str(), ctl_human_bytes(source.size).c_str());
   return CTL_OK;
 }

@@ -1,7 +1,10 @@
-// The end of a deployment: the stack's own check of its image, then the
-// answer to the uploading client on the connection inherited from the daemon.
+// The end of a deployment: the stack's own check of its image (an executable,
+// or a bundle unpacked and its manifest read), then the answer to the
+// uploading client on the connection inherited from the daemon. And the
+// start of a deployed stack, which finds its image prepared.
 #include <cerrno>
 #include <cstring>
+#include <sys/stat.h>
 
 #include "base/fs.h"
 #include "base/runtime.h"
@@ -12,37 +15,51 @@ namespace {
 // Tells the client why the deployment failed; the exit status that follows.
 int refuse(runenv_stack* stack, socket_record* connection, const char* reason) {
   if (runenv_reply(connection, RUNENV_REPLY_FAILURE, reason) != 0)
-    runtime_err("Error: stack '%s'[%s] failure reply not sent, %s\n", bucket_cstring(&stack->key), stack->name,
-                socket_strerror(connection));
+    runenv_say(stack, RUNENV_ECHO_ERROR, "failure reply not sent, %s", socket_strerror(connection));
   return 1;
 }
 
-int deploy_on(runenv_stack* stack, socket_record* connection) {
+// An executable image is made runnable; anything else must be a bundle.
+// 0, or -1 with the reason after "invalid image: ".
+int prepare_image(runenv_stack* stack, bucket* reason) {
   const char* image = bucket_cstring(&stack->image_path);
   const char* why = nullptr;
-  if (runenv_image_check(image, &why) != 0) {
-    runtime_err("Error: stack '%s'[%s] invalid image, %s\n", bucket_cstring(&stack->key), stack->name, why);
-    return refuse(stack, connection, "invalid image");
+  if (runenv_image_check(image, &why) == 0) {
+    if (runenv_image_make_executable(image) == 0) return 0;
+    bucket_appendv(reason, "cannot be made executable, ", strerror(errno), nullptr);
+    return -1;
   }
-  if (runenv_image_make_executable(image) != 0) {
-    runtime_err("Error: stack '%s'[%s] image cannot be made executable, %s\n", bucket_cstring(&stack->key),
-                stack->name, strerror(errno));
-    return refuse(stack, connection, "invalid image");
+  int unpacked = runenv_bundle_unpack(image, bucket_cstring(&stack->app_path), reason);
+  if (unpacked == RUNENV_BUNDLE_NOT_ARCHIVE) bucket_append(reason, why);
+  if (unpacked != RUNENV_BUNDLE_UNPACKED) return -1;
+  stack->bundle = true;
+  return runenv_manifest_load(bucket_cstring(&stack->app_path), &stack->manifest, reason);
+}
+
+int deploy_on(runenv_stack* stack, socket_record* connection) {
+  bucket reason{};
+  bucket_append(&reason, "invalid image: ");
+  uint64_t prefix = reason.length;
+  if (prepare_image(stack, &reason) != 0) {
+    if (reason.length == prefix) bucket_append(&reason, "unknown problem");
+    runenv_say(stack, RUNENV_ECHO_ERROR, "%s", bucket_cstring(&reason));
+    int status = refuse(stack, connection, bucket_cstring(&reason));
+    bucket_release(&reason);
+    return status;
   }
+  bucket_release(&reason);
   // Listening before the client hears of success: a client that selects the
   // stack right after its upload must find the socket bound.
   if (runenv_stack_open(stack) != 0) return refuse(stack, connection, "control socket unavailable");
   if (fs_touch(&stack->deployed_path) != 0) {
-    runtime_err("Error: stack '%s'[%s] deployed marker not written, %s\n", bucket_cstring(&stack->key),
-                stack->name, strerror(errno));
+    runenv_say(stack, RUNENV_ECHO_ERROR, "deployed marker not written, %s", strerror(errno));
     runenv_stack_close(stack);
     return refuse(stack, connection, "deployed marker not written");
   }
-  runtime_log("Stack '%s'[%s]: deployed\n", bucket_cstring(&stack->key), stack->name);
+  runenv_say(stack, RUNENV_ECHO_INFO, "deployed%s", stack->bundle ? " (bundle)" : "");
   // The stack is deployed whether or not the client is still there to hear it.
   if (runenv_reply(connection, RUNENV_REPLY_EMPTY, nullptr) != 0)
-    runtime_err("Error: stack '%s'[%s] deployment reply not sent, %s\n", bucket_cstring(&stack->key), stack->name,
-                socket_strerror(connection));
+    runenv_say(stack, RUNENV_ECHO_ERROR, "deployment reply not sent, %s", socket_strerror(connection));
   return 0;
 }
 
@@ -51,11 +68,27 @@ int deploy_on(runenv_stack* stack, socket_record* connection) {
 int runenv_deploy(runenv_stack* stack, int descriptor) {
   socket_record connection;
   if (socket_load(descriptor, &connection) != 0) {
-    runtime_err("Error: stack '%s'[%s] deployment connection %d unusable, %s\n", bucket_cstring(&stack->key),
-                stack->name, descriptor, socket_strerror(nullptr));
+    runenv_say(stack, RUNENV_ECHO_ERROR, "deployment connection %d unusable, %s", descriptor,
+               socket_strerror(nullptr));
     return 1;
   }
   int status = deploy_on(stack, &connection);
   socket_close(&connection);
   return status;
+}
+
+int runenv_resume(runenv_stack* stack) {
+  // Only a bundle's deployment makes app/; one that lost its manifest since
+  // is refused rather than run as an executable image.
+  struct stat info;
+  stack->bundle = lstat(bucket_cstring(&stack->app_path), &info) == 0;
+  if (stack->bundle) {
+    bucket reason{};
+    if (runenv_manifest_load(bucket_cstring(&stack->app_path), &stack->manifest, &reason) != 0) {
+      runenv_say(stack, RUNENV_ECHO_ERROR, "invalid image: %s", bucket_cstring(&reason));
+      bucket_release(&reason);
+      return 1;
+    }
+  }
+  return runenv_stack_open(stack) != 0 ? 1 : 0;
 }

@@ -44,7 +44,7 @@ int runenv_image_check(const char* path, const char** reason) {
   if (got >= 4 && memcmp(head, elf_magic, sizeof elf_magic) == 0) return 0;
   // The kernel runs a script through the interpreter named on its "#!" line.
   if (got >= 2 && head[0] == '#' && head[1] == '!') return 0;
-  *reason = "image is neither an ELF program nor a \"#!\" script";
+  *reason = "neither an ELF program nor a \"#!\" script";
   return -1;
 }
 

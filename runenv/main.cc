@@ -5,6 +5,7 @@
 // deployment fails or the stack cannot be served; 2 for a wrong argument
 // vector.
 #include <cerrno>
+#include <cstring>
 #include <fcntl.h>
 #include <unistd.h>
 
@@ -13,10 +14,9 @@
 
 namespace {
 
-// Handlers inherit standard error from the runtime, and descriptors 0 to 2
-// must never be taken by a socket the runtime opens: a closed one is filled
-// with /dev/null. These are the only descriptors the runtime keeps
-// inheritable on purpose.
+// Descriptors 0 to 2 must never be taken by a socket or pipe the runtime
+// opens, since children get theirs by number: a closed one is filled with
+// /dev/null.
 void fill_standard_descriptors() {
   for (int number = 0; number <= 2; ++number) {
     if (fcntl(number, F_GETFD) >= 0 || errno != EBADF) continue;
@@ -31,10 +31,12 @@ int run(const runenv_args* args) {
     runenv_stack_release(&stack);
     return 1;
   }
+  if (runenv_log_open(&stack.log, bucket_cstring(&stack.store_path)) != 0)
+    runtime_err("Error: stack '%s'[%s] log unavailable, %s\n", bucket_cstring(&stack.key), stack.name,
+                strerror(errno));
   bool deploying = args->deploy_descriptor >= 0;
-  runtime_log("Stack '%s'[%s]: runtime started%s\n", bucket_cstring(&stack.key), stack.name,
-              deploying ? " for deployment" : "");
-  int status = deploying ? runenv_deploy(&stack, args->deploy_descriptor) : runenv_stack_open(&stack) != 0 ? 1 : 0;
+  runenv_say(&stack, RUNENV_ECHO_INFO, "runtime started%s", deploying ? " for deployment" : "");
+  int status = deploying ? runenv_deploy(&stack, args->deploy_descriptor) : runenv_resume(&stack);
   if (status == 0) status = runenv_serve(&stack);
   runenv_stack_release(&stack);
   return status;

@@ -151,6 +151,7 @@ class Runtime : public ::testing::Test {
   std::string marker_path() const { return store_path() + "/serv/deployed"; }
   std::string out() const { return read_file(root_ + "/runtime.out"); }
   std::string err() const { return read_file(root_ + "/runtime.err"); }
+  std::string log() const { return read_file(store_path() + "/log/current"); }
 
   // Without execute bits, as the daemon writes it, unless a deployment added them.
   void write_image(const std::string& contents, mode_t mode = 0644) {
@@ -257,7 +258,7 @@ TEST_F(Runtime, DeploysAScriptImage) {
 }
 
 TEST_F(Runtime, RefusesAnImageThatIsNeitherProgramNorScript) {
-  EXPECT_EQ(deploy("just some text\n")->reply(), "failure: invalid image");
+  EXPECT_EQ(deploy("just some text\n")->reply(), "failure: invalid image: neither an ELF program nor a \"#!\" script");
   EXPECT_EQ(wait_exit(), 1);
   EXPECT_FALSE(exists(marker_path()));
 }
@@ -300,8 +301,8 @@ TEST_F(Runtime, ShutdownEndsHandlersKillingOneThatIgnoresTermAfterTheGraceAndExi
   EXPECT_GE(runtime_getclock() - began, 2500);  // the stubborn one had its grace
   EXPECT_EQ(plain->rest(), "");
   EXPECT_EQ(stubborn->rest(), "");
-  EXPECT_NE(out().find("ended, Terminated (15)"), npos) << out();
-  EXPECT_NE(out().find("ended, Killed (9)"), npos) << out();
+  EXPECT_NE(log().find("ended, Terminated (15)"), npos) << log();
+  EXPECT_NE(log().find("ended, Killed (9)"), npos) << log();
   EXPECT_FALSE(exists(worker_path()));
 }
 

@@ -1,13 +1,17 @@
-// The stack as the runtime knows it: its identity, its paths and its
-// control socket.
+// The stack as the runtime knows it: its identity, its paths, its control
+// socket and the environment its children get.
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
 #include <initializer_list>
+#include <string_view>
 #include <unistd.h>
 
 #include "base/fs.h"
 #include "base/runtime.h"
 #include "runenv/runenv.h"
+
+extern char** environ;
 
 namespace {
 
@@ -21,12 +25,34 @@ int absolute(const char* path, bucket* result) {
   return -1;
 }
 
+// The variable's name in a "NAME=value" entry.
+std::string_view variable_name(const char* entry) {
+  std::string_view text = entry;
+  return text.substr(0, text.find('='));
+}
+
+bool set_by_stack(std::string_view name, const runenv_words* own) {
+  if (name == "APPSRV_STACK_NAME" || name == "APPSRV_STACK_PATH" || name == "APPSRV_STORE_PATH") return true;
+  for (uint32_t i = 0; i < own->count; ++i)
+    if (variable_name(own->items[i]) == name) return true;
+  return false;
+}
+
+void push_variable(runenv_words* words, const char* name, const char* value) {
+  bucket entry{};
+  bucket_appendv(&entry, name, "=", value, nullptr);
+  runenv_words_push(words, entry.data, entry.length);
+  bucket_release(&entry);
+}
+
 }  // namespace
 
 int runenv_stack_init(runenv_stack* stack, const runenv_args* args) {
   memset(stack, 0, sizeof *stack);
   stack->worker.descriptor = -1;
+  stack->log.descriptor = -1;
   dymarray_init(&stack->handlers, sizeof(pid_t), 0);
+  dymarray_init(&stack->sources, sizeof(runenv_log_source*), 0);
 
   // The key is the stack path's last component, trailing slashes aside.
   bucket given = fs_init(args->stack_path);
@@ -52,6 +78,10 @@ int runenv_stack_init(runenv_stack* stack, const runenv_args* args) {
   fs_joinv(&stack->image_path, "serv", "image", nullptr);
   stack->deployed_path = fs_copy(&stack->store_path);
   fs_joinv(&stack->deployed_path, "serv", "deployed", nullptr);
+  stack->app_path = fs_copy(&stack->store_path);
+  fs_join(&stack->app_path, "app");
+  stack->state_path = fs_copy(&stack->stack_path);
+  fs_join(&stack->state_path, "runtime.json");
   return 0;
 }
 
@@ -81,8 +111,25 @@ void runenv_stack_close(runenv_stack* stack) {
 
 void runenv_stack_release(runenv_stack* stack) {
   runenv_stack_close(stack);
+  while (dymarray_size(&stack->sources) > 0)
+    runenv_source_close(stack, *static_cast<runenv_log_source**>(dymarray_last(&stack->sources)));
+  runenv_log_close(&stack->log);
+  runenv_manifest_release(&stack->manifest);
   for (bucket* path : {&stack->key, &stack->worker_path, &stack->stack_path, &stack->store_path, &stack->image_path,
-                       &stack->deployed_path})
+                       &stack->deployed_path, &stack->app_path, &stack->state_path})
     bucket_release(path);
   dymarray_destroy(&stack->handlers);
+  dymarray_destroy(&stack->sources);
+}
+
+runenv_words runenv_stack_environment(runenv_stack* stack) {
+  const runenv_words* own = &stack->manifest.environment;
+  runenv_words words{};
+  for (char** entry = environ; *entry != nullptr; ++entry)
+    if (!set_by_stack(variable_name(*entry), own)) runenv_words_push(&words, *entry, strlen(*entry));
+  push_variable(&words, "APPSRV_STACK_NAME", stack->name);
+  push_variable(&words, "APPSRV_STACK_PATH", bucket_cstring(&stack->stack_path));
+  push_variable(&words, "APPSRV_STORE_PATH", bucket_cstring(&stack->store_path));
+  for (uint32_t i = 0; i < own->count; ++i) runenv_words_push(&words, own->items[i], strlen(own->items[i]));
+  return words;
 }

@@ -8,9 +8,9 @@
 #              the package's included (the tests make and install it)
 set -euo pipefail
 
-packages=(cmake ninja-build g++)
+packages=(cmake ninja-build g++ libarchive-dev libtomlplusplus-dev)
 package_packages=(scdoc dpkg-dev lintian)
-test_packages=(libgtest-dev libbenchmark-dev clang libclang-rt-14-dev)
+test_packages=(libgtest-dev libbenchmark-dev nlohmann-json3-dev clang libclang-rt-14-dev)
 case "${1:-}" in
   "") ;;
   --package) packages+=("${package_packages[@]}") ;;
