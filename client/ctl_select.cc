@@ -8,6 +8,7 @@
 
 #include "base/runtime.h"
 #include "client/ctl_commands.h"
+#include "protocol/management.h"
 
 namespace {
 
@@ -29,11 +30,34 @@ bool write_all(int descriptor, const char* bytes, size_t size, bool is_socket) {
   return true;
 }
 
+// The last bytes of the session, enough to tell whether the stack ended it
+// with the session-stopped line.
+struct session_tail {
+  std::string bytes;
+
+  void add(const char* data, size_t size) {
+    bytes.append(data, size);
+    size_t keep = MANAGEMENT_SESSION_STOPPED.size();
+    if (bytes.size() > keep) bytes.erase(0, bytes.size() - keep);
+  }
+  bool stopped_by_stack() const { return bytes == MANAGEMENT_SESSION_STOPPED; }
+};
+
+// The session is over: the application ended it (status 0), or the stack
+// stopped it under the client, which then hears why.
+int session_end(const ctl_options* options, const std::string& what, const session_tail& tail) {
+  if (!tail.stopped_by_stack()) return CTL_OK;
+  ctl_report(options, "%s: the stack stopped the session (the daemon is shutting down, or the stack was deleted)",
+             what.c_str());
+  return CTL_UNREACHABLE;
+}
+
 // Copies both ways until the stack closes the connection or standard output
 // goes away. End of standard input is passed on as a half close, so the
 // application sees it and can still answer.
 int join(const ctl_options* options, const std::string& what, int connection) {
   char buffer[kBuffer];
+  session_tail tail;
   bool input_open = true;
   bool sending = true;  // false once the stack stopped taking bytes
   for (;;) {
@@ -51,7 +75,8 @@ int join(const ctl_options* options, const std::string& what, int connection) {
         ctl_report(options, "%s: connection lost: %s", what.c_str(), strerror(errno));
         return CTL_UNREACHABLE;
       }
-      if (got == 0) return CTL_OK;
+      if (got == 0) return session_end(options, what, tail);
+      tail.add(buffer, static_cast<size_t>(got));
       if (!write_all(STDOUT_FILENO, buffer, static_cast<size_t>(got), false)) return CTL_OK;
     }
     if (input_open && entries[1].revents != 0) {

@@ -9,6 +9,7 @@
 
 #include "base/process.h"
 #include "base/runtime.h"
+#include "protocol/management.h"
 #include "runenv/runenv.h"
 
 namespace {
@@ -40,6 +41,17 @@ process* spawn(runenv_stack* stack, int connection, int errors) {
   return child;
 }
 
+// The client sees the end of its session once the runtime's copy of the
+// connection goes too. A handler the stack stopped did not end the session
+// by its own choice, and the client is told so in the session's last line;
+// a client that reads no more cannot hold the runtime up.
+void end_session(runenv_stack* stack, int connection) {
+  if (stack->stopping)
+    (void)!send(connection, MANAGEMENT_SESSION_STOPPED.data(), MANAGEMENT_SESSION_STOPPED.size(),
+                MSG_NOSIGNAL | MSG_DONTWAIT);
+  close(connection);
+}
+
 }  // namespace
 
 int runenv_handler_start(runenv_stack* stack, socket_record* connection) {
@@ -52,15 +64,16 @@ int runenv_handler_start(runenv_stack* stack, socket_record* connection) {
   process* child = errors >= 0 ? spawn(stack, connection->descriptor, errors) : nullptr;
   int error = errno;
   if (errors >= 0) close(errors);
-  // The handler holds its own copy of the connection now.
-  socket_close(connection);
   if (child == nullptr) {
+    socket_close(connection);
     if (source != nullptr) runenv_source_close(stack, source);
     runenv_say(stack, RUNENV_ECHO_ERROR, "handler not started, %s", strerror(error));
     return -1;
   }
   runenv_source_label(source, "handler", child->pid);
-  *static_cast<pid_t*>(dymarray_alloc(&stack->handlers)) = child->pid;
+  // The runtime's copy stays close-on-exec, so no later child inherits it.
+  *static_cast<runenv_handler*>(dymarray_alloc(&stack->handlers)) = {child->pid, connection->descriptor};
+  connection->descriptor = -1;
   runenv_say(stack, RUNENV_LOG_ONLY, "handler %d started", static_cast<int>(child->pid));
   process_destroy(child);
   runenv_state_write(stack);
@@ -70,9 +83,10 @@ int runenv_handler_start(runenv_stack* stack, socket_record* connection) {
 bool runenv_handler_collect(runenv_stack* stack, pid_t pid, int wait_status) {
   uint64_t count = dymarray_size(&stack->handlers);
   uint64_t index = 0;
-  while (index < count && *static_cast<pid_t*>(dymarray_at(&stack->handlers, index)) != pid) ++index;
+  while (index < count && static_cast<runenv_handler*>(dymarray_at(&stack->handlers, index))->pid != pid) ++index;
   if (index == count) return false;
   dymarray_swap(&stack->handlers, index, count - 1);
+  end_session(stack, static_cast<runenv_handler*>(dymarray_last(&stack->handlers))->connection);
   dymarray_pop_back(&stack->handlers);
   runenv_source_drain(stack, pid);
   // The process family decodes an end it did not collect itself just the
@@ -87,5 +101,6 @@ bool runenv_handler_collect(runenv_stack* stack, pid_t pid, int wait_status) {
 
 void runenv_handler_signal(runenv_stack* stack, int signal_number) {
   uint64_t count = dymarray_size(&stack->handlers);
-  for (uint64_t i = 0; i < count; ++i) kill(*static_cast<pid_t*>(dymarray_at(&stack->handlers, i)), signal_number);
+  for (uint64_t i = 0; i < count; ++i)
+    kill(static_cast<runenv_handler*>(dymarray_at(&stack->handlers, i))->pid, signal_number);
 }

@@ -161,6 +161,13 @@ struct runenv_service {
   bool halted;  // the stack is stopping: no more starts
 };
 
+// A handler that runs: the runtime keeps its own copy of the handler's
+// connection, so that a session the stack ends by stopping can be told so.
+struct runenv_handler {
+  pid_t pid;
+  int connection;
+};
+
 struct runenv_stack {
   bucket key;  // last component of the stack path: names the stack in log lines
   char name[RUNENV_NAME_SIZE];  // what the next handler sees; changed by set_name
@@ -174,7 +181,8 @@ struct runenv_stack {
   bucket app_path;  // {store path}/app
   bucket state_path;  // {stack path}/runtime.json
   socket_record worker;  // the bound os-worker socket, descriptor -1 before
-  dymarray handlers;  // pid_t of every handler not yet collected
+  dymarray handlers;  // runenv_handler of every handler not yet collected
+  bool stopping;  // shut down or stopped by a signal: handlers ending now were stopped
   bool bundle;  // the image is a bundle, unpacked in app_path
   runenv_manifest manifest;  // a bundle's
   runenv_service service;  // used when the manifest has a service
@@ -286,12 +294,13 @@ int runenv_resume(runenv_stack* stack);
 // Runs the stack's handler with `connection` as its standard input and
 // output and its standard error into the log: the image itself in the stack
 // path, or a bundle's [handler] command in app/. A bundle without one
-// answers with one line saying so. The connection record is closed here on
-// every path (the handler keeps its own copy). 0 when the handler was
-// executed, -1 after a log line.
+// answers with one line saying so. The connection record is taken over on
+// every path: closed, or kept with the handler until it ends. 0 when the
+// handler was executed, -1 after a log line.
 int runenv_handler_start(runenv_stack* stack, socket_record* connection);
-// Takes an ended handler off the list and logs its end; false when `pid` is
-// no handler.
+// Takes an ended handler off the list, logs its end and closes the runtime's
+// copy of its connection, after the session-stopped line when the stack is
+// stopping; false when `pid` is no handler.
 bool runenv_handler_collect(runenv_stack* stack, pid_t pid, int wait_status);
 // Sends `signal_number` to every running handler.
 void runenv_handler_signal(runenv_stack* stack, int signal_number);

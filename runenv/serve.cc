@@ -71,6 +71,7 @@ void begin_stop(runenv_stack* stack, stop_plan* stop, bool forced) {
   else
     runenv_say(stack, RUNENV_ECHO_INFO, "shutting down");
   stop->active = true;
+  stack->stopping = true;
   stop->kill_at = kill_at;
   stop->group = stack->service.pid;
   runenv_stack_close(stack);

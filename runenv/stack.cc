@@ -51,7 +51,7 @@ int runenv_stack_init(runenv_stack* stack, const runenv_args* args) {
   memset(stack, 0, sizeof *stack);
   stack->worker.descriptor = -1;
   stack->log.descriptor = -1;
-  dymarray_init(&stack->handlers, sizeof(pid_t), 0);
+  dymarray_init(&stack->handlers, sizeof(runenv_handler), 0);
   dymarray_init(&stack->sources, sizeof(runenv_log_source*), 0);
 
   // The key is the stack path's last component, trailing slashes aside.
@@ -118,6 +118,8 @@ void runenv_stack_release(runenv_stack* stack) {
   for (bucket* path : {&stack->key, &stack->worker_path, &stack->stack_path, &stack->store_path, &stack->image_path,
                        &stack->deployed_path, &stack->app_path, &stack->state_path})
     bucket_release(path);
+  for (uint64_t i = 0; i < dymarray_size(&stack->handlers); ++i)
+    close(static_cast<runenv_handler*>(dymarray_at(&stack->handlers, i))->connection);
   dymarray_destroy(&stack->handlers);
   dymarray_destroy(&stack->sources);
 }

@@ -50,10 +50,23 @@ TEST_F(Quickstart, AnInvalidImageIsRefusedAndItsStackRemoved) {
   EXPECT_EQ(daemon_.key_of("notes"), "");
 }
 
-TEST_F(Quickstart, SigintShutsTheStacksDownAndStops) {
+TEST_F(Quickstart, SigintShutsTheStacksDownAndTellsASelectedClientWhy) {
   ASSERT_EQ(appsrvctl(daemon_, {"upload", "hello", kExample}).status, 0);
+  // A session whose standard input stays open (a fifo opened both ways)
+  // until the shutdown ends it.
+  std::string session = daemon_.path("session");
+  std::string command = "mkfifo " + session + ".in && (APPSRV_ADDRESS=127.0.0.1:" + std::to_string(daemon_.port()) +
+                        " " APPSRVCTL_BINARY " select hello <>" + session + ".in >" + session + ".out 2>" + session +
+                        ".err; echo $? >" + session + ".status) &";
+  ASSERT_EQ(system(command.c_str()), 0);
+  ASSERT_TRUE(eventually([&] { return read_file(session + ".out") == "hello from hello\n"; }));
+
   daemon_.signal(SIGINT);
   EXPECT_EQ(daemon_.wait_exit(5000), 0);
   EXPECT_TRUE(contains(daemon_.out(), "AppSrv: Signaled to stop!"));
   EXPECT_FALSE(contains(daemon_.out(), "Signaled to force stop!")) << "the runtime shuts down when told";
+  ASSERT_TRUE(eventually([&] { return contains(read_file(session + ".status"), "\n"); }));
+  EXPECT_EQ(read_file(session + ".status"), "5\n");
+  EXPECT_EQ(read_file(session + ".out"), "hello from hello\nappsrv: session ended: the stack is stopping\n");
+  EXPECT_TRUE(contains(read_file(session + ".err"), "select 'hello': the stack stopped the session"));
 }
