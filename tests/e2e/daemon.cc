@@ -84,8 +84,11 @@ Daemon::~Daemon() {
     kill(pid_, SIGKILL);
     waitpid(pid_, nullptr, 0);
   }
-  // Whatever stacks are left belong to process groups led by their own pids.
-  std::string cleanup = "for f in '" + dir_ + "'/runenv/test-log/*.log; do [ -f \"$f\" ] && " +
+  // Whatever stacks are left belong to process groups led by their own pids:
+  // the jobs the daemon still had on record, and every start the test
+  // bootstrap logged. A stack outlives a killed daemon on purpose.
+  std::string cleanup = "for f in '" + dir_ + "'/private/job-*; do [ -f \"$f\" ] && kill -9 -${f##*/job-} 2>/dev/null; done; " +
+                        "for f in '" + dir_ + "'/runenv/test-log/*.log; do [ -f \"$f\" ] && " +
                         "sed -n 's/^start pid=\\([0-9]*\\).*/\\1/p' \"$f\" | while read p; do kill -9 -$p 2>/dev/null; done; " +
                         "done; rm -rf '" + dir_ + "'";
   if (system(cleanup.c_str()) != 0) fprintf(stderr, "cleanup of %s failed\n", dir_.c_str());
@@ -121,7 +124,9 @@ int Daemon::wait_exit(int milliseconds) {
   return eventually([&] { return reaped(); }, milliseconds) ? exit_status_ : -1;
 }
 
-void Daemon::signal(int signal_number) { kill(pid_, signal_number); }
+void Daemon::signal(int signal_number) {
+  if (pid_ > 0) kill(pid_, signal_number);  // never -1: that would reach every process
+}
 
 void Daemon::behave(const std::string& name, const std::string& directives) {
   write_file(path("runenv/test-control/" + name), directives);
