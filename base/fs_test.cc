@@ -72,16 +72,13 @@ TEST_F(FsTest, TypesFollowSymbolicLinks) {
 }
 
 TEST_F(FsTest, MkdirRecursiveMakesEveryMissingParent) {
-  Path nested("a/b/c"), absolute(std::string(root_) + "/x/y"), f("f"), file_there("f/g"), under_file("f/g/h");
-  EXPECT_EQ(fs_mkdir_recursive(&nested.b), 0);
-  EXPECT_EQ(fs_type(&nested.b), FS_TYPE_DIRECTORY);
-  EXPECT_EQ(fs_mkdir_recursive(&absolute.b), 0);
-  EXPECT_EQ(fs_type(&absolute.b), FS_TYPE_DIRECTORY);
-  EXPECT_EQ(fs_mkdir(&f.b), 0);
-  EXPECT_EQ(fs_mkdir(&f.b), -1) << "an existing directory is an error for the plain form";
-  write_file("f/g", "data");
+  Path nested("a/b/c"), absolute(std::string(root_) + "/x/y"), file_there("f"), under_file("f/g");
+  for (Path* path : {&nested, &absolute}) {
+    EXPECT_EQ(fs_mkdir_recursive(&path->b), 0);
+    EXPECT_EQ(fs_type(&path->b), FS_TYPE_DIRECTORY) << path->str();
+  }
+  write_file("f", "data");
   EXPECT_EQ(fs_mkdir_recursive(&file_there.b), 0) << "anything at the path counts as done";
-  EXPECT_EQ(read_file("f/g"), "data");
   EXPECT_EQ(fs_mkdir_recursive(&under_file.b), -1);
 }
 
