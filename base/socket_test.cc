@@ -67,23 +67,6 @@ const char* unix_path(const socket_address& address) {
   return reinterpret_cast<const sockaddr_un*>(address.storage)->sun_path;
 }
 
-// A TCP connection on a kernel-chosen loopback port, through a one-shot listener.
-struct stream_pair {
-  socket_record listener{}, client{}, server{};
-  explicit stream_pair(const char* host = "127.0.0.1") {
-    socket_address address{};
-    EXPECT_EQ(socket_address_tcp(host, "0", &address), 0);
-    EXPECT_EQ(socket_open(&address, 1, 1, &listener), 0) << socket_strerror(nullptr);
-    EXPECT_EQ(socket_address_tcp(host, local_port(listener).c_str(), &address), 0);
-    EXPECT_EQ(socket_open(&address, 0, 1, &client), 0) << socket_strerror(nullptr);
-    EXPECT_EQ(socket_accept(&listener, 1, &server), 0) << socket_strerror(&listener);
-  }
-  ~stream_pair() {
-    socket_close(&server);
-    socket_close(&client);
-  }
-};
-
 // A unix datagram socket bound to a path.
 struct unix_datagram {
   socket_address address{};
@@ -171,10 +154,18 @@ TEST_F(SocketOpen, FailuresGoToTheFamilyErrorWithNothingLeftOpen) {
 }
 
 TEST(SocketRecord, EveryDescriptorIsCloseOnExecAndTheRecordFilled) {
-  stream_pair pair;
-  EXPECT_EQ(fields(pair.client), "inet stream cloexec");
-  EXPECT_EQ(fields(pair.server), "inet stream cloexec");
-  EXPECT_EQ(pair.listener.descriptor, -1) << "the one-shot listener is closed";
+  socket_address address{};
+  socket_record listener{}, client{}, server{};
+  ASSERT_EQ(socket_address_tcp("127.0.0.1", "0", &address), 0);
+  ASSERT_EQ(socket_open(&address, 1, 1, &listener), 0);
+  ASSERT_EQ(socket_address_tcp("127.0.0.1", local_port(listener).c_str(), &address), 0);
+  ASSERT_EQ(socket_open(&address, 0, 1, &client), 0);
+  ASSERT_EQ(socket_accept(&listener, 1, &server), 0);
+  EXPECT_EQ(fields(client), "inet stream cloexec");
+  EXPECT_EQ(fields(server), "inet stream cloexec");
+  EXPECT_EQ(listener.descriptor, -1) << "the one-shot listener is closed";
+  socket_close(&client);
+  socket_close(&server);
 
   // As a child would find an inherited descriptor: non-blocking, no cloexec.
   socket_record sock{}, copy{};
