@@ -24,11 +24,6 @@ constexpr int kReturned = 42;  // exit status when do_parse returned
   _exit(kReturned);
 }
 
-// The exit status and every byte written to standard error.
-void expect_exit(std::vector<std::string> words, int status, const std::string& err, int argc = -1) {
-  EXPECT_EXIT(run(words, argc), testing::ExitedWithCode(status), testing::Matcher<const std::string&>(err));
-}
-
 const std::string kUsage =
     "\x1b[1musage:\x1b[0m  'socket'\n"
     "   socket                -> \x1b[1mtcp-ip tcp-port\x1b[0m socket to listen on for management request\n";
@@ -43,23 +38,23 @@ const std::string kSuperfluous = "superfluous command line argument(s)";
 
 }  // namespace
 
-TEST(CommandLine, HelpAloneWritesTheUsageAndExitsZero) { expect_exit({"./srv", "--help"}, 0, kUsage); }
-
-TEST(CommandLine, HostAndPortAreTakenAsTheyStandEvenHelp) {
-  expect_exit({"./srv", "10.0.0.1", "7340"}, kReturned, "parsed 10.0.0.1 7340");
-  expect_exit({"./srv", "--help", "x"}, kReturned, "parsed --help x");
-}
-
-TEST(CommandLine, ErrorsPutTheCaretUnderTheOffendingByteAndExitOne) {
-  // Past the program name when nothing follows it, else under the word at fault.
-  expect_exit({"./srv"}, 1, report(kTooFew, " ./srv", 7));
-  expect_exit({"./srv", "10.0.0.1"}, 1, report(kTooFew, " ./srv 10.0.0.1", 7));
-  expect_exit({"./appsrv", "::1", "80", "extra", "more"}, 1,
-              report(kSuperfluous, " ./appsrv ::1 80 extra more", 1 + 9 + 4 + 3));
-  // The width counts bytes, not columns: the two-byte letter moves the caret by two.
-  expect_exit({"./\xc3\xa9", "a", "b", "c"}, 1, report(kSuperfluous, " ./\xc3\xa9 a b c", 1 + 5 + 2 + 2));
-}
-
-TEST(CommandLine, NoArgumentVectorAtAllWritesOneLine) {
-  expect_exit({"./srv"}, 1, "unable to parse arguments: no arguments provided to parse\n", 0);
+// The exit status and every byte written to standard error.
+TEST(CommandLine, ExitStatusAndStandardErrorOfEachArgumentVector) {
+  const struct { std::vector<std::string> words; int status; std::string err; int argc = -1; } cases[] = {
+      {{"./srv", "--help"}, 0, kUsage},
+      {{"./srv", "10.0.0.1", "7340"}, kReturned, "parsed 10.0.0.1 7340"},
+      {{"./srv", "--help", "x"}, kReturned, "parsed --help x"},  // host and port are taken as they stand
+      // The caret goes past the program name when nothing follows it, else under the word at fault.
+      {{"./srv"}, 1, report(kTooFew, " ./srv", 7)},
+      {{"./srv", "10.0.0.1"}, 1, report(kTooFew, " ./srv 10.0.0.1", 7)},
+      {{"./appsrv", "::1", "80", "extra", "more"}, 1,
+       report(kSuperfluous, " ./appsrv ::1 80 extra more", 1 + 9 + 4 + 3)},
+      // The width counts bytes, not columns: the two-byte letter moves the caret by two.
+      {{"./\xc3\xa9", "a", "b", "c"}, 1, report(kSuperfluous, " ./\xc3\xa9 a b c", 1 + 5 + 2 + 2)},
+      {{"./srv"}, 1, "unable to parse arguments: no arguments provided to parse\n", 0},  // no argument vector at all
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(testing::PrintToString(c.words) + " argc " + std::to_string(c.argc));
+    EXPECT_EXIT(run(c.words, c.argc), testing::ExitedWithCode(c.status), testing::Matcher<const std::string&>(c.err));
+  }
 }

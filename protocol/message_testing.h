@@ -53,13 +53,11 @@ std::string serialize_with(int (*serialize)(Root*, ostream*), Root* root, int* r
   return bytes;
 }
 
-// Runs a parser over `bytes`; `unread` gets the input bytes left unconsumed.
+// Runs a parser over `bytes`.
 template <typename Root>
-int parse_with(int (*parse)(dympage*, Root*, istream*), dympage* arena, Root* root, const std::string& bytes,
-               int64_t* unread = nullptr) {
+int parse_with(int (*parse)(dympage*, Root*, istream*), dympage* arena, Root* root, const std::string& bytes) {
   istream* input = istream_create_memory(bytes.data(), bytes.size());
   int result = parse(arena, root, input);
-  if (unread != nullptr) *unread = istream_remaining(input);
   istream_destroy(input);
   return result;
 }
