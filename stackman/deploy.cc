@@ -115,6 +115,8 @@ stackman_stack* stackman_stack_allocate(const char* name, const void* image, uin
   int started = stackman_start(stack, deploy);
   socket_inherit(connection, 0);
   if (started != 0) return abandon(stack, &build, made, stackman_strerror());
+  stack->figures.image_bytes = image_size;
+  ++stackman_state.deployments.started;
   bucket_release(&build);
   return stack;
 }

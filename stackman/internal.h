@@ -17,6 +17,7 @@ struct stackman_manager {
   bool skip_sync;  // stores are built in place without fsync (measurements only)
   bool locked;  // lock_descriptors hold ./private/lock
   int lock_descriptors[2];  // the lock file as opened, and as renamed into place
+  stackman_deployments deployments;
 };
 
 extern stackman_manager stackman_state;
