@@ -4,6 +4,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include "appsrv/status.h"
 #include "base/runtime.h"
 #include "protocol/appsrv_protocol_reply/appsrv_protocol_reply.h"
 #include "protocol/appsrv_protocol_request/appsrv_protocol_request.h"
@@ -166,6 +167,7 @@ void handle_upload(socket_record* connection, dympage* request_arena, dympage* r
   auto* image = static_cast<uint8_t*>(dympage_try_alloc(request_arena, size, 1));
   if (image == nullptr) return refuse_image(connection, reply_arena, "image too large");
   if (!read_image(connection, image, size)) return reply_failure(connection, reply_arena, "image could not be loaded");
+  ++appsrv_counted.uploads;
   // The whole image is read before the name is looked at, so the client's
   // transfer always completes.
   const char* name = text_of(upload->stack_name);
@@ -203,16 +205,19 @@ void handle_request(socket_record* connection, dympage* request_arena, dympage* 
   void* payload = request->type.payload;
   switch (request->type.tag) {
     case kDelete:
+      ++appsrv_counted.deletes;
       handle_delete(connection, reply_arena,
                     text_of(static_cast<image___appsrv_protocol_request___root___type___delete_t*>(payload)->stack_name));
       break;
     case kList: reply_list(connection, reply_arena); break;
     case kRename: {
+      ++appsrv_counted.renames;
       auto* rename = static_cast<image___appsrv_protocol_request___root___type___rename_t*>(payload);
       handle_rename(connection, reply_arena, text_of(rename->old_name), text_of(rename->new_name));
       break;
     }
     case kSelect:
+      ++appsrv_counted.selects;
       handle_select(connection, reply_arena,
                     text_of(static_cast<image___appsrv_protocol_request___root___type___select_t*>(payload)->stack_name));
       break;
