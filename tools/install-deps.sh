@@ -6,9 +6,12 @@
 #   --test   also what the tests, the benchmarks and the fuzz target need
 set -euo pipefail
 
-packages=(cmake ninja-build g++)
+packages=(cmake ninja-build g++ nlohmann-json3-dev)
 if [[ "${1:-}" == "--test" ]]; then
   packages+=(libgtest-dev libbenchmark-dev clang libclang-rt-14-dev)
+  # A real sshd and ssh for the client's SSH transport, a real Prometheus
+  # parser for its metrics.
+  packages+=(openssh-server openssh-client python3-prometheus-client)
 fi
 
 missing=()
