@@ -103,7 +103,7 @@ void entry_point(const image::application_server::root* parsed) {
     appsrv_status_refresh(phase == Phase::stop_requested);
     // A signal interrupts the wait; it counts as a timeout and the stop is
     // acted on at the top of the next pass.
-    if (sockpoll_wait(poll_set, kPollMilliseconds) == 0) continue;
+    if (sockpoll_wait(poll_set, appsrv_status_wait(kPollMilliseconds)) == 0) continue;
     if (sockpoll_can_read(poll_set, &listener) != 1) continue;
     if (socket_accept(&listener, 0, &connection) != 0) {
       runtime_err("AppSrv: Unable to accept incoming connection: %s\n", socket_strerror(&listener));

@@ -1,5 +1,6 @@
 #include "appsrv/status.h"
 
+#include <algorithm>
 #include <arpa/inet.h>
 #include <cerrno>
 #include <charconv>
@@ -25,7 +26,7 @@ constexpr const char* kTemporaryPath = "./private/.status.json.tmp";
 constexpr const char* kStateNames[] = {"idle", "running", "stopping", "undeployed"};
 // A snapshot costs more to write than a request costs to serve (on ext4 a
 // new file alone is tens of microseconds), so during a burst of requests the
-// daemon looks at most this often; a pass comes at least once a second.
+// daemon looks at most this often.
 constexpr int64_t kLookMilliseconds = 100;
 
 struct daemon_facts {
@@ -38,6 +39,7 @@ struct daemon_facts {
 daemon_facts facts;
 int64_t looked;  // when the last snapshot was built, on the monotonic clock
 bool looked_ever;
+bool owed;  // a pass was not looked at
 // Both buffers keep their storage from pass to pass: a pass that changes
 // nothing costs no allocation and no write.
 std::string building;
@@ -271,11 +273,18 @@ void appsrv_status_open(const socket_record* listener, int64_t started) {
 
 void appsrv_status_refresh(bool stop_requested) {
   int64_t now = runtime_getclock();
-  if (looked_ever && now - looked < kLookMilliseconds) return;
+  owed = looked_ever && now - looked < kLookMilliseconds;
+  if (owed) return;
   looked = now;
   looked_ever = true;
   build(building, stop_requested);
   if (building == written) return;
   replace_snapshot(building);
   written.swap(building);
+}
+
+int32_t appsrv_status_wait(int32_t longest) {
+  if (!owed) return longest;
+  int64_t left = looked + kLookMilliseconds - runtime_getclock();
+  return static_cast<int32_t>(std::clamp<int64_t>(left, 0, longest));
 }

@@ -27,7 +27,10 @@ void appsrv_status_open(const socket_record* listener, int64_t started);
 
 // Builds the snapshot and replaces the file when the text differs from the
 // last one written; called when a pass has done its work. Within 100 ms of
-// the last look it does nothing: a change then shows at the first call after
-// that. A write that fails leaves the old file and is not tried again before
-// the snapshot changes.
+// the last look it only notes that a look is owed. A write that fails leaves
+// the old file and is not tried again before the snapshot changes.
 void appsrv_status_refresh(bool stop_requested);
+
+// How long the loop may wait for a connection: `longest`, or less when a
+// look is owed, so that the snapshot trails a burst by at most 100 ms.
+int32_t appsrv_status_wait(int32_t longest);
