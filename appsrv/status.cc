@@ -7,6 +7,7 @@
 #include <concepts>
 #include <cstdio>
 #include <fcntl.h>
+#include <iterator>
 #include <netinet/in.h>
 #include <string>
 #include <string_view>

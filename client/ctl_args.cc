@@ -219,15 +219,65 @@ bool unsafe_word(std::string_view text) {
   return false;
 }
 
+// What the options said beyond what goes straight into ctl_options.
+struct given_flags {
+  const char* address;
+  const char* ssh;
+  const char* workdir;
+  bool lines;
+  bool help;
+  bool version;
+};
+
+// One option at argv[*index] (and its value, which moves *index on).
+ctl_action take_option(int argc, char** argv, int* index, ctl_options* options, given_flags* given) {
+  const char* argument = argv[*index];
+  auto value_of = [&](std::string_view name) { return option_value(argc, argv, index, name); };
+  if (strcmp(argument, "--help") == 0 || strcmp(argument, "-h") == 0) {
+    given->help = true;
+  } else if (strcmp(argument, "--version") == 0) {
+    given->version = true;
+  } else if (strcmp(argument, "--json") == 0) {
+    options->json = 1;
+  } else if (strcmp(argument, "--force") == 0) {
+    options->force = 1;
+  } else if (strcmp(argument, "-f") == 0 || strcmp(argument, "--follow") == 0) {
+    options->follow = 1;
+  } else if (matches(argument, "--address")) {
+    given->address = value_of("--address");
+    if (given->address == nullptr) return set_error(options, "option --address needs HOST:PORT");
+  } else if (matches(argument, "--ssh")) {
+    given->ssh = value_of("--ssh");
+    if (given->ssh == nullptr) return set_error(options, "option --ssh needs [USER@]HOST[:PORT]");
+  } else if (matches(argument, "--workdir")) {
+    given->workdir = value_of("--workdir");
+    if (given->workdir == nullptr || given->workdir[0] == '\0') return set_error(options, "option --workdir needs DIR");
+  } else if (matches(argument, "--timeout")) {
+    const char* value = value_of("--timeout");
+    if (value == nullptr) return set_error(options, "option --timeout needs SECONDS");
+    if (ctl_parse_timeout(value, &options->timeout_ms) != 0)
+      return set_error(options, "invalid --timeout '%s': give positive seconds up to 2147483", value);
+  } else if (strncmp(argument, "-n", 2) == 0 || matches(argument, "--lines")) {
+    // -n N, -nN, --lines N, --lines=N
+    bool joined = argument[1] == 'n' && argument[2] != '\0';
+    const char* value = joined ? argument + 2 : argument[1] == 'n' ? value_of("-n") : value_of("--lines");
+    if (value == nullptr) return set_error(options, "option -n needs LINES");
+    if (!parse_count(value, &options->lines)) return set_error(options, "invalid -n '%s': give a number of lines", value);
+    given->lines = true;
+  } else {
+    return set_error(options, "unknown option '%s'", argument);
+  }
+  return CTL_RUN;
+}
+
 // The address, the SSH host and the working directory, each from its flag,
 // else its variable, else its default.
-ctl_action settle_places(ctl_options* options, const ctl_environment& environment, const char* address_flag,
-                         const char* ssh_flag, const char* workdir_flag) {
+ctl_action settle_places(ctl_options* options, const ctl_environment& environment, const given_flags& given) {
   auto pick = [](const char* flag, const char* variable) {
     return flag != nullptr ? flag : variable != nullptr && variable[0] != '\0' ? variable : nullptr;
   };
-  const char* address = pick(address_flag, environment.address);
-  const char* source = address_flag != nullptr ? "--address" : "APPSRV_ADDRESS";
+  const char* address = pick(given.address, environment.address);
+  const char* source = given.address != nullptr ? "--address" : "APPSRV_ADDRESS";
   if (address == nullptr) {
     address = ctl_default_address;
     source = "default address";
@@ -237,30 +287,30 @@ ctl_action settle_places(ctl_options* options, const ctl_environment& environmen
     snprintf(options->error, sizeof options->error, "invalid %s '%s': %s", source, address, reason);
     return options->action = CTL_USAGE;
   }
-  if (const char* ssh = pick(ssh_flag, environment.ssh)) {
+  if (const char* ssh = pick(given.ssh, environment.ssh)) {
     if (ctl_parse_ssh_host(ssh, &options->address.ssh, reason, sizeof reason) != 0) {
       snprintf(options->error, sizeof options->error, "invalid %s '%s': %s",
-               ssh_flag != nullptr ? "--ssh" : "APPSRV_SSH", ssh, reason);
+               given.ssh != nullptr ? "--ssh" : "APPSRV_SSH", ssh, reason);
       return options->action = CTL_USAGE;
     }
     snprintf(options->address.display, sizeof options->address.display, "%s via %s", options->address.endpoint,
              options->address.ssh.display);
   }
-  options->workdir = pick(workdir_flag, environment.workdir);
+  options->workdir = pick(given.workdir, environment.workdir);
   if (options->workdir == nullptr) options->workdir = ctl_default_workdir;
-  options->workdir_given = workdir_flag != nullptr;
+  options->workdir_given = given.workdir != nullptr;
   return options->action = CTL_RUN;
 }
 
 // What applies to one command only, given to another.
-ctl_action check_fit(ctl_options* options, bool workdir_flag, bool lines_flag) {
+ctl_action check_fit(ctl_options* options, const given_flags& given) {
   ctl_command command = options->command;
   if (options->json && command != CTL_LIST && command != CTL_STATUS)
     return set_error(options, "--json applies to list and status only");
   if (options->force && command != CTL_DELETE) return set_error(options, "--force applies to delete only");
-  if ((options->follow || lines_flag) && command != CTL_LOGS)
+  if ((options->follow || given.lines) && command != CTL_LOGS)
     return set_error(options, "-n and -f apply to logs only");
-  if (workdir_flag && !reads_workdir(command))
+  if (given.workdir != nullptr && !reads_workdir(command))
     return set_error(options, "--workdir applies to status, logs and metrics only");
   return CTL_RUN;
 }
@@ -388,12 +438,7 @@ ctl_action ctl_parse(int argc, char** argv, const ctl_environment& environment, 
   *options = ctl_options{};
   options->timeout_ms = ctl_default_timeout_ms;
   options->lines = ctl_default_lines;
-  const char* address_flag = nullptr;
-  const char* ssh_flag = nullptr;
-  const char* workdir_flag = nullptr;
-  bool lines_flag = false;
-  bool help = false;
-  bool version = false;
+  given_flags given{};
   bool options_ended = false;
   for (int i = 1; i < argc; ++i) {
     const char* argument = argv[i];
@@ -402,42 +447,7 @@ ctl_action ctl_parse(int argc, char** argv, const ctl_environment& environment, 
       continue;
     }
     if (!options_ended && is_option(argument)) {
-      if (strcmp(argument, "--help") == 0 || strcmp(argument, "-h") == 0) {
-        help = true;
-      } else if (strcmp(argument, "--version") == 0) {
-        version = true;
-      } else if (strcmp(argument, "--json") == 0) {
-        options->json = 1;
-      } else if (strcmp(argument, "--force") == 0) {
-        options->force = 1;
-      } else if (strcmp(argument, "-f") == 0 || strcmp(argument, "--follow") == 0) {
-        options->follow = 1;
-      } else if (matches(argument, "--address")) {
-        address_flag = option_value(argc, argv, &i, "--address");
-        if (address_flag == nullptr) return set_error(options, "option --address needs HOST:PORT");
-      } else if (matches(argument, "--ssh")) {
-        ssh_flag = option_value(argc, argv, &i, "--ssh");
-        if (ssh_flag == nullptr) return set_error(options, "option --ssh needs [USER@]HOST[:PORT]");
-      } else if (matches(argument, "--workdir")) {
-        workdir_flag = option_value(argc, argv, &i, "--workdir");
-        if (workdir_flag == nullptr || workdir_flag[0] == '\0') return set_error(options, "option --workdir needs DIR");
-      } else if (matches(argument, "--timeout")) {
-        const char* value = option_value(argc, argv, &i, "--timeout");
-        if (value == nullptr) return set_error(options, "option --timeout needs SECONDS");
-        if (ctl_parse_timeout(value, &options->timeout_ms) != 0)
-          return set_error(options, "invalid --timeout '%s': give positive seconds up to 2147483", value);
-      } else if (strncmp(argument, "-n", 2) == 0 || matches(argument, "--lines")) {
-        // -n N, -nN, --lines N, --lines=N
-        const char* value = argument[1] == 'n' && argument[2] != '\0' ? argument + 2
-                            : argument[1] == 'n'                      ? (i + 1 < argc ? argv[++i] : nullptr)
-                                                                      : option_value(argc, argv, &i, "--lines");
-        if (value == nullptr) return set_error(options, "option -n needs LINES");
-        if (!parse_count(value, &options->lines))
-          return set_error(options, "invalid -n '%s': give a number of lines", value);
-        lines_flag = true;
-      } else {
-        return set_error(options, "unknown option '%s'", argument);
-      }
+      if (take_option(argc, argv, &i, options, &given) != CTL_RUN) return CTL_USAGE;
       continue;
     }
     if (options->command == CTL_NONE) {
@@ -451,13 +461,13 @@ ctl_action ctl_parse(int argc, char** argv, const ctl_environment& environment, 
     options->operands.push_back(argument);
   }
 
-  if (help) return options->action = CTL_HELP;
-  if (version) return options->action = CTL_VERSION;
+  if (given.help) return options->action = CTL_HELP;
+  if (given.version) return options->action = CTL_VERSION;
   if (options->command == CTL_NONE) return set_error(options, "missing command");
   if (static_cast<int>(options->operands.size()) < entry_of(options->command).operands)
     return set_error(options, "missing arguments for %s", ctl_command_name(options->command));
-  if (check_fit(options, workdir_flag != nullptr, lines_flag) != CTL_RUN) return CTL_USAGE;
-  return settle_places(options, environment, address_flag, ssh_flag, workdir_flag);
+  if (check_fit(options, given) != CTL_RUN) return CTL_USAGE;
+  return settle_places(options, environment, given);
 }
 
 const char* ctl_command_name(ctl_command command) {

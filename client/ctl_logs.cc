@@ -1,6 +1,7 @@
 // logs NAME [-n LINES] [-f]: the last lines of the log the stack's runtime
 // keeps in the stack's store (log/previous, then log/current), and with -f
 // the lines that follow, across rotations, until interrupted.
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <cstring>
