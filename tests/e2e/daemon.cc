@@ -84,10 +84,14 @@ Daemon::~Daemon() {
     kill(pid_, SIGKILL);
     waitpid(pid_, nullptr, 0);
   }
-  // Whatever stacks are left belong to process groups led by their own pids.
+  // Whatever stacks are left belong to process groups led by their own pids:
+  // the test bootstrap logs each start, and the daemon records every job it
+  // has not collected (a stack of the reference runtime outlives a killed
+  // daemon).
   std::string cleanup = "for f in '" + dir_ + "'/runenv/test-log/*.log; do [ -f \"$f\" ] && " +
                         "sed -n 's/^start pid=\\([0-9]*\\).*/\\1/p' \"$f\" | while read p; do kill -9 -$p 2>/dev/null; done; " +
-                        "done; rm -rf '" + dir_ + "'";
+                        "done; for f in '" + dir_ + "'/private/job-*; do [ -f \"$f\" ] && " +
+                        "kill -9 -$(cut -d' ' -f1 \"$f\") 2>/dev/null; done; rm -rf '" + dir_ + "'";
   if (system(cleanup.c_str()) != 0) fprintf(stderr, "cleanup of %s failed\n", dir_.c_str());
 }
 
