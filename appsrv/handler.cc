@@ -4,6 +4,7 @@
 #include <sys/socket.h>
 #include <sys/time.h>
 
+#include "appsrv/status.h"
 #include "appsrv/upload.h"
 #include "base/bigendian.h"
 #include "base/runtime.h"
@@ -170,16 +171,19 @@ void handle_request(socket_record* connection, dympage* request_arena, dympage* 
   void* payload = request->type.payload;
   switch (request->type.tag) {
     case kDelete:
+      ++appsrv_counted.deletes;
       handle_delete(connection, reply_arena,
                     text_of(static_cast<image___appsrv_protocol_request___root___type___delete_t*>(payload)->stack_name));
       break;
     case kList: reply_list(connection, reply_arena); break;
     case kRename: {
+      ++appsrv_counted.renames;
       auto* rename = static_cast<image___appsrv_protocol_request___root___type___rename_t*>(payload);
       handle_rename(connection, reply_arena, text_of(rename->old_name), text_of(rename->new_name));
       break;
     }
     case kSelect:
+      ++appsrv_counted.selects;
       handle_select(connection, reply_arena,
                     text_of(static_cast<image___appsrv_protocol_request___root___type___select_t*>(payload)->stack_name));
       break;

@@ -1,8 +1,10 @@
 #include "appsrv/server.h"
 
 #include <cstdlib>
+#include <ctime>
 
 #include "appsrv/handler.h"
+#include "appsrv/status.h"
 #include "base/runtime.h"
 #include "base/socket.h"
 #include "base/sockpoll.h"
@@ -80,26 +82,34 @@ void appsrv_on_sigint(int signal_number) { store(signal_number, SIGINT, 1); }
 void appsrv_on_sigterm(int signal_number) { store(signal_number, SIGTERM, 2); }
 
 void entry_point(const image::application_server::root* parsed) {
+  int64_t started = time(nullptr);
   runtime_startup();
   stackman_open("./runenv", "./stacks", "./data");
   socket_record listener{};
   open_listener(parsed, &listener);
   sockpoll* poll_set = sockpoll_create();
   sockpoll_attach(poll_set, &listener);
+  appsrv_status_open(&listener, started);
+  appsrv_status_refresh(false);
 
   Phase phase = Phase::normal;
   socket_record connection{};
   for (;;) {
     act_on_stop(phase);
     stackman_loop();
+    // The pass's work is done once the loop is about to wait: the snapshot
+    // then shows the stop handling, the supervision and the connection
+    // served just before.
+    appsrv_status_refresh(phase == Phase::stop_requested);
     // A signal interrupts the wait; it counts as a timeout and the stop is
     // acted on at the top of the next pass.
-    if (sockpoll_wait(poll_set, kPollMilliseconds) == 0) continue;
+    if (sockpoll_wait(poll_set, appsrv_status_wait(kPollMilliseconds)) == 0) continue;
     if (sockpoll_can_read(poll_set, &listener) != 1) continue;
     if (socket_accept(&listener, 0, &connection) != 0) {
       runtime_err("AppSrv: Unable to accept incoming connection: %s\n", socket_strerror(&listener));
       continue;
     }
+    ++appsrv_counted.connections;
     serve(&connection);
   }
 }

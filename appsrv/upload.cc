@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <sys/socket.h>
 
+#include "appsrv/status.h"
 #include "appsrv/upload.h"
 #include "base/runtime.h"
 #include "stackman/stackman.h"
@@ -107,6 +108,7 @@ void handle_upload(socket_record* connection, dympage* reply_arena, const upload
     stackman_image_discard(&image);
     return refuse_image(connection, reply_arena, "image could not be loaded");
   }
+  ++appsrv_counted.uploads;
   if (const char* refusal = name_refusal(name)) {
     stackman_image_discard(&image);
     return reply_failure(connection, reply_arena, refusal);

@@ -4,6 +4,8 @@
 #include <cstdio>
 #include <unistd.h>
 
+#include "client/ctl_ssh.h"
+
 namespace {
 
 // One message line on standard error: "appsrvctl: ", the place (the daemon's
@@ -136,7 +138,14 @@ int ctl_run(const ctl_options* options) {
     case CTL_DELETE: return ctl_run_delete(options);
     case CTL_RENAME: return ctl_run_rename(options);
     case CTL_SELECT: return ctl_run_select(options);
-    case CTL_NONE: break;
+    case CTL_STATUS:
+    case CTL_LOGS:
+    case CTL_METRICS: break;
+    case CTL_NONE: return CTL_USAGE_ERROR;
   }
-  return CTL_USAGE_ERROR;
+  // The working directory these read is the SSH host's.
+  if (options->address.ssh.destination[0] != '\0') return ctl_ssh_run(options);
+  if (options->command == CTL_STATUS) return ctl_run_status(options);
+  if (options->command == CTL_LOGS) return ctl_run_logs(options);
+  return ctl_run_metrics(options);
 }

@@ -1,6 +1,7 @@
 // The subcommands of appsrvctl. Each returns the exit status and writes its
 // own messages: data on standard output, every message on standard error as
-// "appsrvctl: ADDRESS: TEXT".
+// "appsrvctl: ADDRESS: TEXT" (or the working directory for the commands
+// that read it).
 #pragma once
 
 #include <string>
@@ -15,6 +16,10 @@ int ctl_run_delete(const ctl_options* options);
 int ctl_run_rename(const ctl_options* options);
 int ctl_run_upload(const ctl_options* options);  // ctl_upload.cc
 int ctl_run_select(const ctl_options* options);  // ctl_select.cc
+// Read the daemon's working directory, here or through ctl_ssh_run.
+int ctl_run_status(const ctl_options* options);  // ctl_status.cc
+int ctl_run_logs(const ctl_options* options);  // ctl_logs.cc
+int ctl_run_metrics(const ctl_options* options);  // ctl_metrics.cc
 
 // Writes "appsrvctl: ADDRESS: " and the formatted text with a newline on
 // standard error.

@@ -151,3 +151,13 @@ std::string ctl_seconds(uint32_t milliseconds) {
   if (buffer[length - 1] == '.') buffer[--length] = '\0';
   return std::string(buffer) + " s";
 }
+
+std::string ctl_human_duration(uint64_t seconds) {
+  char buffer[48];
+  auto count = [](uint64_t value) { return static_cast<unsigned long long>(value); };
+  if (seconds < 60) snprintf(buffer, sizeof buffer, "%llus", count(seconds));
+  else if (seconds < 3600) snprintf(buffer, sizeof buffer, "%llum%02llus", count(seconds / 60), count(seconds % 60));
+  else if (seconds < 86400) snprintf(buffer, sizeof buffer, "%lluh%02llum", count(seconds / 3600), count(seconds / 60 % 60));
+  else snprintf(buffer, sizeof buffer, "%llud%02lluh", count(seconds / 86400), count(seconds / 3600 % 24));
+  return buffer;
+}

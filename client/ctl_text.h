@@ -1,6 +1,7 @@
 // The texts appsrvctl writes and the rules it shares with the daemon: which
 // names the daemon accepts, which exit status a failure reason maps to, how
-// names are escaped for JSON and for a terminal, and the upload progress line.
+// names are escaped for JSON and for a terminal, the upload progress line and
+// the sizes and durations people read.
 #pragma once
 
 #include <cstdint>
@@ -48,3 +49,7 @@ std::string ctl_human_bytes(uint64_t bytes);
 
 // A time-out as people read it: "30 s", "0.5 s", "1.25 s".
 std::string ctl_seconds(uint32_t milliseconds);
+
+// An uptime as people read it, in its two largest units: "5s", "3m12s",
+// "2h05m", "3d04h".
+std::string ctl_human_duration(uint64_t seconds);

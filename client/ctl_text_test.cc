@@ -3,6 +3,8 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <utility>
+#include <vector>
 
 namespace {
 
@@ -42,6 +44,14 @@ TEST(CtlText, SecondsReadAsTypedAndProgressShowsBytesPercentRateAndTimeLeft) {
   EXPECT_EQ(ctl_progress_line(0, 40u << 20, 0), "  0 B / 40.0 MiB    0%  --/s  --:-- left");
   // 1 KiB/s with 4 MiB left: 4096 s.
   EXPECT_EQ(ctl_progress_line(1024, (4u << 20) + 1024, 1000), "  1.0 KiB / 4.0 MiB    0%  1.0 KiB/s  1:08:16 left");
+}
+
+TEST(CtlText, UptimesShowTheirTwoLargestUnits) {
+  for (auto [seconds, shown] : std::vector<std::pair<uint64_t, const char*>>{
+           {0, "0s"}, {59, "59s"}, {192, "3m12s"}, {3599, "59m59s"}, {7500, "2h05m"}, {86399, "23h59m"},
+           {86400 * 3 + 3600 * 4 + 59, "3d04h"}}) {
+    EXPECT_EQ(ctl_human_duration(seconds), shown) << seconds;
+  }
 }
 
 }  // namespace

@@ -11,6 +11,7 @@
 #include "base/istream.h"
 #include "base/ostream.h"
 #include "base/runtime.h"
+#include "client/ctl_ssh.h"
 #include "protocol/appsrv_protocol_reply/appsrv_protocol_reply.h"
 #include "protocol/appsrv_protocol_request/appsrv_protocol_request.h"
 
@@ -28,13 +29,11 @@ int fail(ctl_fault* fault, ctl_status status, std::string text) {
   return -1;
 }
 
-// A refused connection almost always means that no daemon runs at that
-// address, which the system's text alone does not tell a new user.
-int fail_to_connect(ctl_fault* fault, int error) {
-  fail(fault, CTL_UNREACHABLE, std::string("cannot connect: ") + strerror(error));
-  if (error == ECONNREFUSED)
-    fault->hint = "no daemon is listening there; start one with tools/run-daemon.sh (or systemctl start appsrv), "
-                  "or give the address of a running one with --address";
+// The connection ended under us: when ssh carried it, ssh's own failure is
+// the better reason.
+int fail_closed(ctl_fault* fault, std::string text) {
+  fail(fault, CTL_UNREACHABLE, std::move(text));
+  ctl_ssh_explain(fault);
   return -1;
 }
 
@@ -77,6 +76,9 @@ void build_request(dympage* arena, request_root* root, ctl_command command, cons
         message_recover(root);
       return;
     }
+    case CTL_STATUS:
+    case CTL_LOGS:
+    case CTL_METRICS:
     case CTL_NONE:
       break;
   }
@@ -135,43 +137,8 @@ int ctl_wait(int descriptor, short events, uint32_t timeout_ms) {
 }
 
 int ctl_connect(const ctl_address* address, uint32_t timeout_ms, socket_record* sock, ctl_fault* fault) {
-  socket_address target{};
-  if (socket_address_tcp(address->host, address->port, &target) != 0)
-    return fail(fault, CTL_UNREACHABLE, std::string("cannot resolve: ") + socket_strerror(nullptr));
-  // socket_open connects without a time-out, so the connection is made here
-  // without blocking and then handed to the socket family.
-  uint16_t family;
-  memcpy(&family, target.storage, sizeof family);
-  int descriptor = socket(family, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
-  if (descriptor < 0) return fail(fault, CTL_UNREACHABLE, std::string("cannot connect: ") + strerror(errno));
-  int result = connect(descriptor, reinterpret_cast<const sockaddr*>(target.storage),
-                       static_cast<socklen_t>(target.length));
-  if (result != 0 && errno != EINPROGRESS) {
-    int error = errno;
-    close(descriptor);
-    return fail_to_connect(fault, error);
-  }
-  if (result != 0) {
-    int ready = ctl_wait(descriptor, POLLOUT, timeout_ms);
-    int error = errno;
-    if (ready <= 0) {
-      close(descriptor);
-      if (ready == 0) return fail(fault, CTL_UNREACHABLE, "timed out connecting after " + ctl_seconds(timeout_ms));
-      return fail(fault, CTL_UNREACHABLE, std::string("cannot connect: ") + strerror(error));
-    }
-    socklen_t length = sizeof error;
-    if (getsockopt(descriptor, SOL_SOCKET, SO_ERROR, &error, &length) != 0) error = errno;
-    if (error != 0) {
-      close(descriptor);
-      return fail_to_connect(fault, error);
-    }
-  }
-  // Adopting makes the descriptor blocking again.
-  if (socket_load(descriptor, sock) != 0) {
-    close(descriptor);
-    return fail(fault, CTL_UNREACHABLE, std::string("cannot connect: ") + socket_strerror(nullptr));
-  }
-  return 0;
+  if (address->ssh.destination[0] != '\0') return ctl_ssh_connect(address, timeout_ms, sock, fault);
+  return ctl_tcp_connect(address, timeout_ms, sock, fault);
 }
 
 std::string ctl_encode_request(ctl_command command, const char* first, const char* second, int64_t image_size) {
@@ -200,7 +167,7 @@ int ctl_send_request(socket_record* sock, const std::string& payload, ctl_fault*
   if (payload.size() > socket_message_max) return fail(fault, CTL_FAILED, "request too large");
   socket_message message{payload.data(), payload.size()};
   if (socket_msg_send(sock, nullptr, &message) != 0)
-    return fail(fault, CTL_UNREACHABLE, std::string("cannot send the request: ") + socket_strerror(sock));
+    return fail_closed(fault, std::string("cannot send the request: ") + socket_strerror(sock));
   return 0;
 }
 
@@ -216,8 +183,8 @@ int ctl_receive_reply(socket_record* sock, uint32_t timeout_ms, ctl_reply* reply
   int received = socket_msg_recv(sock, nullptr, &message);
   timeval none{};
   if (socket_is_alive(sock)) setsockopt(sock->descriptor, SOL_SOCKET, SO_RCVTIMEO, &none, sizeof none);
-  if (received != 0) return fail(fault, CTL_UNREACHABLE, std::string("cannot read the reply: ") + socket_strerror(sock));
-  if (message.size == 0) return fail(fault, CTL_UNREACHABLE, "connection closed without a reply");
+  if (received != 0) return fail_closed(fault, std::string("cannot read the reply: ") + socket_strerror(sock));
+  if (message.size == 0) return fail_closed(fault, "connection closed without a reply");
 
   dympage* arena = image___appsrv_protocol_reply___create_allocator_f();
   std::string problem;

@@ -1,6 +1,7 @@
-// appsrvctl's side of the management protocol: connecting with a time-out,
-// sending one framed request made with the request module, and reading one
-// framed reply with the reply module.
+// appsrvctl's side of the management protocol: connecting with a time-out
+// over the chosen transport (TCP, or SSH), sending one framed request made
+// with the request module, and reading one framed reply with the reply
+// module.
 #pragma once
 
 #include <cstdint>
@@ -34,9 +35,12 @@ struct ctl_fault {
   std::string hint{};
 };
 
-// Opens a TCP connection to `address`, giving up after `timeout_ms`. The
-// socket is blocking and close-on-exec; the caller closes it.
+// Opens a connection to the daemon at `address`: through ssh -W when the
+// address has an SSH host (ctl_ssh.cc), else over TCP (ctl_tcp.cc), giving up
+// after `timeout_ms`. Either carries the protocol alike. The socket is
+// blocking and close-on-exec; the caller closes it.
 int ctl_connect(const ctl_address* address, uint32_t timeout_ms, socket_record* sock, ctl_fault* fault);
+int ctl_tcp_connect(const ctl_address* address, uint32_t timeout_ms, socket_record* sock, ctl_fault* fault);
 
 // The encoded request (no frame). `first` and `second` are the operands in the
 // command line's order: NAME for delete and select, NAME for upload (with

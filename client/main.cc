@@ -10,7 +10,8 @@ int main(int argc, char** argv) {
   // A daemon or a stack that goes away must give EPIPE, not end the client.
   runtime_startup();
   ctl_options options;
-  switch (ctl_parse(argc, argv, getenv("APPSRV_ADDRESS"), &options)) {
+  ctl_environment environment{getenv("APPSRV_ADDRESS"), getenv("APPSRV_SSH"), getenv("APPSRV_WORKDIR")};
+  switch (ctl_parse(argc, argv, environment, &options)) {
     case CTL_HELP:
       fputs(ctl_help_text(options.command), stdout);
       return CTL_OK;

@@ -185,5 +185,7 @@ stackman_stack* stackman_stack_allocate(const char* name, stackman_image* image,
   int started = stackman_start(stack, deploy);
   socket_inherit(connection, 0);
   if (started != 0) return abandon(stack, image, made, stackman_strerror());
+  stack->figures.image_bytes = image->size;
+  ++stackman_state.deployments.started;
   return stack;
 }

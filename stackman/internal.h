@@ -16,6 +16,7 @@ struct stackman_manager {
   char descriptor_text[128];  // the inherited connection's number, in decimal
   bool locked;  // lock_descriptors hold ./private/lock
   int lock_descriptors[2];  // the lock file as opened, and as renamed into place
+  stackman_deployments deployments;
 };
 
 extern stackman_manager stackman_state;

@@ -101,6 +101,10 @@ void recover_stack(const char* key) {
     fatal("Fatal error: unable to recover state from file-system, name-tag missing\n");
   if (assign_name(stack, read_name_tag(stack)) != 0)
     fatal("Fatal error: unable to recover state from file-system, set-name\n");
+  bucket image = fs_copy(&stack->store_path);
+  fs_joinv(&image, "serv", "image", nullptr);
+  stack->figures.image_bytes = static_cast<uint64_t>(fs_size(&image));
+  bucket_release(&image);
   if (!fs_exists(&stack->deployed_path)) {
     stack->state = STACKMAN_UNDEPLOYED;
     return;
@@ -170,6 +174,8 @@ uint64_t stackman_is_running() {
   return count;
 }
 
+stackman_deployments stackman_deployment_counts() { return stackman_state.deployments; }
+
 const char* stackman_strerror() { return stackman_state.last_error; }
 
 int stackman_validate_name(const char* name) {
@@ -234,6 +240,8 @@ int stackman_start(stackman_stack* stack, const char* const* extra) {
   }
   stack->job = job;
   stack->state = STACKMAN_RUNNING;
+  ++stack->figures.starts;
+  stack->figures.started = time(nullptr);
   stackman_jobs_record(stack);
   return 0;
 }
@@ -265,4 +273,5 @@ void stackman_reset() {
   bucket_release(&stackman_state.stacks_root);
   bucket_release(&stackman_state.data_root);
   stackman_state.last_error = nullptr;
+  stackman_state.deployments = {};
 }

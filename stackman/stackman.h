@@ -38,6 +38,24 @@ enum : int {
 constexpr uint64_t STACKMAN_KEY_SIZE = 65;  // 64 hexadecimal characters + terminator
 constexpr uint64_t STACKMAN_NAME_SIZE = 1024;  // up to 1023 bytes + terminator
 
+// How a stack's latest job ended.
+struct stackman_exit {
+  int32_t code;  // as process_wait decodes it: 0, the exit status, or the signal
+  char text[64];  // "success", "failure", the signal's description, ...
+  int64_t at;  // unix seconds of its collection
+};
+
+// What the manager has seen of one stack since the daemon started, for the
+// operator's view; nothing in the manager acts on it.
+struct stackman_figures {
+  uint64_t starts;  // jobs started
+  uint64_t exits;  // jobs collected, however they ended (killed ones included)
+  int64_t started;  // unix seconds of the current job's start; 0 without a job
+  uint64_t image_bytes;  // size of the stored image
+  bool exited;  // `last_exit` holds the end of the latest job collected
+  stackman_exit last_exit;
+};
+
 // Invariant: running and stopping stacks have a job, idle and undeployed ones
 // have none.
 struct stackman_stack {
@@ -51,6 +69,7 @@ struct stackman_stack {
   bucket store_path;  // {data root}/{key}
   bucket name_tag_path;  // {store path}/serv/name
   bucket deployed_path;  // {store path}/serv/deployed
+  stackman_figures figures;
 };
 
 struct stackman_iter {
@@ -70,6 +89,14 @@ stackman_stack* stackman_iter_begin(stackman_iter* iterator);
 stackman_stack* stackman_iter_move(stackman_iter* iterator);
 // Records that are running or stopping.
 uint64_t stackman_is_running();
+// Deployment outcomes since the manager opened: deployments whose program
+// was started, and those among them whose program then ended without
+// creating the deployed marker, so that their stack was destroyed.
+struct stackman_deployments {
+  uint64_t started;
+  uint64_t unfinished;
+};
+stackman_deployments stackman_deployment_counts();
 // The last failure of a manager operation (a constant text, or null before
 // the first failure).
 const char* stackman_strerror();

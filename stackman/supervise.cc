@@ -2,7 +2,9 @@
 // deployment never completed, and the two ways of ending a stack's job.
 #include <cerrno>
 #include <csignal>
+#include <cstdio>
 #include <cstdlib>
+#include <ctime>
 
 #include "base/dymarray.h"
 #include "base/fs.h"
@@ -24,6 +26,18 @@ void reap_killed(process* job) {
   }
 }
 
+// Counts the end of the stack's job, which has been collected, and keeps how
+// it ended.
+void note_exit(stackman_stack* stack, process_status status) {
+  stackman_figures& figures = stack->figures;
+  ++figures.exits;
+  figures.started = 0;
+  figures.exited = true;
+  figures.last_exit.code = status.code;
+  snprintf(figures.last_exit.text, sizeof figures.last_exit.text, "%s", status.description);
+  figures.last_exit.at = time(nullptr);
+}
+
 // Kills the job's group and reaps its leader, whatever the leader does with
 // SIGTERM; the record is released and the stack left idle.
 void end_job(stackman_stack* stack) {
@@ -39,6 +53,7 @@ void end_job(stackman_stack* stack) {
     }
     runtime_sleep(kStopPollMilliseconds);
   }
+  note_exit(stack, process_wait(job));
   stackman_jobs_forget(stack);
   process_destroy(job);
   stack->job = nullptr;
@@ -49,6 +64,7 @@ void end_job(stackman_stack* stack) {
 // left running in its group and release the record.
 process_status collect(stackman_stack* stack) {
   process_status status = process_wait(stack->job);
+  note_exit(stack, status);
   process_kill_job(stack->job);
   stackman_jobs_forget(stack);
   process_destroy(stack->job);
@@ -64,6 +80,7 @@ void supervise_running(stackman_stack* stack, dymarray* doomed) {
   if (fs_exists(&stack->deployed_path)) {
     stack->state = STACKMAN_IDLE;
   } else {
+    ++stackman_state.deployments.unfinished;
     *static_cast<stackman_stack**>(dymarray_alloc(doomed)) = stack;
   }
 }
@@ -131,6 +148,7 @@ void stackman_killall() {
       runtime_err("Error: stack '%s'[%s] did not stop in time, killed\n", stack->key, stack->name);
       reap_killed(job);
     }
+    note_exit(stack, process_wait(job));
     stackman_jobs_forget(stack);
     process_destroy(job);
     stack->job = nullptr;

@@ -8,9 +8,12 @@
 #              the package's included (the tests make and install it)
 set -euo pipefail
 
-packages=(cmake ninja-build g++ libarchive-dev libtomlplusplus-dev)
+packages=(cmake ninja-build g++ libarchive-dev libtomlplusplus-dev nlohmann-json3-dev)
 package_packages=(scdoc dpkg-dev lintian)
-test_packages=(libgtest-dev libbenchmark-dev nlohmann-json3-dev clang libclang-rt-14-dev)
+# Beyond the build: a real sshd and ssh for the client's SSH transport, and a
+# real Prometheus parser for its metrics.
+test_packages=(libgtest-dev libbenchmark-dev clang libclang-rt-14-dev openssh-server openssh-client
+               python3-prometheus-client)
 case "${1:-}" in
   "") ;;
   --package) packages+=("${package_packages[@]}") ;;

@@ -18,5 +18,6 @@ mkdir -p var/runenv/image var/stacks var/data
 install -m 0755 "$build/runenv/application-server-bootstrap" var/runenv/image/application-server-bootstrap
 echo "appsrv: working directory $root/var"
 echo "appsrv: client $build/client/appsrvctl"
+echo "appsrv: for appsrvctl status, logs and metrics: export APPSRV_WORKDIR=$root/var"
 cd var
 exec "$build/appsrv/appsrv" "${1:-127.0.0.1}" "${2:-7340}"

@@ -113,7 +113,7 @@ bool Daemon::start_with(const std::string& host, const std::string& port) {
     if (chdir(dir_.c_str()) != 0) _exit(127);
     dup2(open("appsrv.out", O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644), 1);
     dup2(open("appsrv.err", O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644), 2);
-    execl(APPSRV_BINARY, APPSRV_BINARY, host.c_str(), port.c_str(), static_cast<char*>(nullptr));
+    execl(binary_.c_str(), binary_.c_str(), host.c_str(), port.c_str(), static_cast<char*>(nullptr));
     _exit(127);
   }
   // The probe closes without a request; the daemon drops it silently.

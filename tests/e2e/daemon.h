@@ -38,6 +38,7 @@ class Daemon {
   bool start();
   bool start_with(const std::string& host, const std::string& port);
   void set_start_wait(int milliseconds) { start_wait_ = milliseconds; }
+  void set_binary(const std::string& path) { binary_ = path; }  // another build of appsrv
   int wait_exit(int milliseconds);  // the exit status, or -1 after `milliseconds`
   void signal(int signal_number);
 
@@ -61,6 +62,7 @@ class Daemon {
   pid_t pid_ = -1;
   int exit_status_ = -1;
   int start_wait_ = 5000;
+  std::string binary_ = APPSRV_BINARY;
 };
 
 }  // namespace e2e

@@ -5,7 +5,7 @@
 #include <csignal>
 #include <string>
 
-#include "tests/e2e/appsrvctl.h"
+#include "tests/e2e/ctl.h"
 
 using namespace e2e;
 
