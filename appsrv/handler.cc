@@ -10,6 +10,7 @@
 #include "base/runtime.h"
 #include "protocol/appsrv_protocol_reply/appsrv_protocol_reply.h"
 #include "protocol/appsrv_protocol_request/appsrv_protocol_request.h"
+#include "protocol/management.h"
 #include "stackman/stackman.h"
 
 namespace {
@@ -18,7 +19,8 @@ using request_t = image___appsrv_protocol_request___root_t;
 using reply_t = image___appsrv_protocol_reply___root_t;
 using success_t = image___appsrv_protocol_reply___root___status___success_t;
 
-enum : uint32_t { kDelete = 0, kList = 1, kRename = 2, kSelect = 3, kUpload = 4 };
+// The request kinds by the names the generated module gives their tags.
+#define REQUEST_KIND(kind) image___appsrv_protocol_request___root_t___type___tag___##kind
 
 // The request frame as it waits in the connection, looked at but not taken.
 uint8_t frame_view[4 + socket_message_max];
@@ -105,9 +107,9 @@ void read_request(socket_record* connection, dympage* arena, request_t* request,
 }
 
 void handle_delete(socket_record* connection, dympage* reply_arena, const char* name) {
-  if (stackman_validate_name(name) != 0) return reply_failure(connection, reply_arena, "invalid name");
+  if (stackman_validate_name(name) != 0) return reply_failure(connection, reply_arena, MANAGEMENT_INVALID_NAME);
   stackman_stack* stack = stackman_get(name);
-  if (stack == nullptr) return reply_failure(connection, reply_arena, "unknown name");
+  if (stack == nullptr) return reply_failure(connection, reply_arena, MANAGEMENT_UNKNOWN_NAME);
   stackman_stack_destroy(stack);
   reply_empty(connection, reply_arena);
 }
@@ -119,20 +121,20 @@ void hand_over(socket_record* connection, dympage* reply_arena, stackman_stack* 
 }
 
 void handle_rename(socket_record* connection, dympage* reply_arena, const char* old_name, const char* new_name) {
-  if (stackman_validate_name(old_name) != 0) return reply_failure(connection, reply_arena, "invalid old name");
-  if (stackman_validate_name(new_name) != 0) return reply_failure(connection, reply_arena, "invalid new name");
+  if (stackman_validate_name(old_name) != 0) return reply_failure(connection, reply_arena, MANAGEMENT_INVALID_OLD_NAME);
+  if (stackman_validate_name(new_name) != 0) return reply_failure(connection, reply_arena, MANAGEMENT_INVALID_NEW_NAME);
   stackman_stack* stack = stackman_get(old_name);
-  if (stack == nullptr) return reply_failure(connection, reply_arena, "unknown name");
-  if (stackman_get(new_name) != nullptr) return reply_failure(connection, reply_arena, "duplicate name");
+  if (stack == nullptr) return reply_failure(connection, reply_arena, MANAGEMENT_UNKNOWN_NAME);
+  if (stackman_get(new_name) != nullptr) return reply_failure(connection, reply_arena, MANAGEMENT_DUPLICATE_NAME);
   if (stackman_stack_rename(stack, new_name) != stack)
     return reply_failure(connection, reply_arena, stackman_strerror());
   hand_over(connection, reply_arena, stack);
 }
 
 void handle_select(socket_record* connection, dympage* reply_arena, const char* name) {
-  if (stackman_validate_name(name) != 0) return reply_failure(connection, reply_arena, "invalid name");
+  if (stackman_validate_name(name) != 0) return reply_failure(connection, reply_arena, MANAGEMENT_INVALID_NAME);
   stackman_stack* stack = stackman_get(name);
-  if (stack == nullptr) return reply_failure(connection, reply_arena, "unknown name");
+  if (stack == nullptr) return reply_failure(connection, reply_arena, MANAGEMENT_UNKNOWN_NAME);
   hand_over(connection, reply_arena, stack);
 }
 
@@ -167,27 +169,27 @@ void handle_request(socket_record* connection, dympage* request_arena, dympage* 
   }
   set_receive_timeout(connection, appsrv_receive_limits.silence_ms);
   // A tag beyond the last request leaves the variant unset: ignored.
-  if (!request->type.set || request->type.tag > kUpload) return;
+  if (!request->type.set || request->type.tag > REQUEST_KIND(upload)) return;
   void* payload = request->type.payload;
   switch (request->type.tag) {
-    case kDelete:
+    case REQUEST_KIND(delete):
       ++appsrv_counted.deletes;
       handle_delete(connection, reply_arena,
                     text_of(static_cast<image___appsrv_protocol_request___root___type___delete_t*>(payload)->stack_name));
       break;
-    case kList: reply_list(connection, reply_arena); break;
-    case kRename: {
+    case REQUEST_KIND(list): reply_list(connection, reply_arena); break;
+    case REQUEST_KIND(rename): {
       ++appsrv_counted.renames;
       auto* rename = static_cast<image___appsrv_protocol_request___root___type___rename_t*>(payload);
       handle_rename(connection, reply_arena, text_of(rename->old_name), text_of(rename->new_name));
       break;
     }
-    case kSelect:
+    case REQUEST_KIND(select):
       ++appsrv_counted.selects;
       handle_select(connection, reply_arena,
                     text_of(static_cast<image___appsrv_protocol_request___root___type___select_t*>(payload)->stack_name));
       break;
-    case kUpload:
+    case REQUEST_KIND(upload):
       handle_upload(connection, reply_arena, static_cast<upload_request*>(payload));
       break;
   }

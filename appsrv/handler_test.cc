@@ -18,7 +18,7 @@
 #include "protocol/appsrv_protocol_reply/appsrv_protocol_reply.h"
 #include "protocol/appsrv_protocol_request/appsrv_protocol_request.h"
 #include "stackman/stackman.h"
-#include "tests/e2e/daemon.h"
+#include "tests/support/daemon.h"
 
 using namespace e2e;
 

@@ -9,6 +9,7 @@
 #include "appsrv/status.h"
 #include "appsrv/upload.h"
 #include "base/runtime.h"
+#include "protocol/management.h"
 #include "stackman/stackman.h"
 
 namespace {
@@ -89,8 +90,8 @@ void refuse_image(socket_record* connection, dympage* reply_arena, const char* r
 }
 
 const char* name_refusal(const char* name) {
-  if (stackman_validate_name(name) != 0) return "invalid name";
-  if (stackman_get(name) != nullptr) return "duplicate name";
+  if (stackman_validate_name(name) != 0) return MANAGEMENT_INVALID_NAME;
+  if (stackman_get(name) != nullptr) return MANAGEMENT_DUPLICATE_NAME;
   return nullptr;
 }
 
@@ -100,13 +101,13 @@ void handle_upload(socket_record* connection, dympage* reply_arena, const upload
   // An unset size (0 or negative on the wire) reads as an empty image.
   uint64_t size = upload->image_size.set ? static_cast<uint64_t>(upload->image_size.value) : 0;
   // Refused before a byte of it is read: the disk could not take it.
-  if (size > stackman_image_room()) return refuse_image(connection, reply_arena, "image too large");
+  if (size > stackman_image_room()) return refuse_image(connection, reply_arena, MANAGEMENT_IMAGE_TOO_LARGE);
   const char* name = text_of(upload->stack_name);
   stackman_image image;
   stackman_image_begin(&image, name);
   if (!receive_image(connection, &image, size)) {
     stackman_image_discard(&image);
-    return refuse_image(connection, reply_arena, "image could not be loaded");
+    return refuse_image(connection, reply_arena, MANAGEMENT_IMAGE_NOT_LOADED);
   }
   ++appsrv_counted.uploads;
   if (const char* refusal = name_refusal(name)) {

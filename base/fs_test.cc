@@ -7,7 +7,7 @@
 #include <unistd.h>
 #include <vector>
 
-#include "base/testdata/scratch_dir.h"
+#include "tests/support/scratch_dir.h"
 
 namespace {
 

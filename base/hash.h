@@ -21,6 +21,13 @@ void hash_open(hash_context* context, uint32_t algorithm);
 void hash_write(hash_context* context, const void* bytes, uint64_t length);
 // Writes the 20- or 32-byte digest.
 void hash_close(hash_context* context, uint8_t* digest);
+// The engines: the processor's SHA extensions where it has them (with SSSE3
+// and SSE4.1; asked of the processor once), the portable block functions
+// elsewhere. Forcing the portable ones, from the next hash_write or
+// hash_close on, is for tests and benchmarks.
+bool hash_accelerated_available();
+void hash_force_portable(bool on);
+
 // Writes 2n hexadecimal characters and a terminator (41 or 65 bytes); only
 // the terminator for an unknown selector.
 void hash_maphex(uint32_t algorithm, const uint8_t* digest, char* text);

@@ -1,7 +1,6 @@
 // Inside the hash family: the block functions of the two digest engines, the
-// running state they keep in a context's engine_state, and the switch that
-// chooses between the portable and the processor-accelerated block functions.
-// Only the hash sources, their tests and their benchmark include this header.
+// running state they keep in a context's engine_state, and the block
+// functions in use. Only the hash sources see this header.
 #pragma once
 
 #include <cstddef>
@@ -34,15 +33,6 @@ void hash_sha256_portable(uint32_t* words, const uint8_t* blocks, size_t count);
 // Accelerated block functions. REQUIRES: hash_accelerated_available().
 void hash_sha1_shani(uint32_t* words, const uint8_t* blocks, size_t count);
 void hash_sha256_shani(uint32_t* words, const uint8_t* blocks, size_t count);
-
-// True when the processor has the SHA extensions with SSSE3 and SSE4.1, so
-// the accelerated block functions may run. Asked of the processor once.
-bool hash_accelerated_available();
-
-// With `on`, every engine uses the portable block functions from the next
-// hash_write or hash_close on; with `off`, the accelerated ones are used
-// wherever available (the default). For tests and benchmarks.
-void hash_force_portable(bool on);
 
 // The block functions hash_write and hash_close use now.
 hash_blocks_fn hash_sha1_blocks();

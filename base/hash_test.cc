@@ -9,8 +9,6 @@
 #include <string_view>
 #include <vector>
 
-#include "base/hash_engine.h"
-
 namespace {
 
 // The hexadecimal digest of `bytes` fed in pieces of random sizes up to

@@ -19,7 +19,7 @@
 #include "base/ostream.h"
 #include "base/runtime.h"
 #include "base/sockpoll.h"
-#include "base/testdata/scratch_dir.h"
+#include "tests/support/scratch_dir.h"
 
 namespace {
 

@@ -17,7 +17,7 @@
 #include <string>
 #include <vector>
 
-#include "tests/e2e/daemon.h"
+#include "tests/support/daemon.h"
 
 namespace {
 

@@ -6,7 +6,7 @@
 #include <vector>
 
 #include "base/hash.h"
-#include "base/hash_engine.h"
+#include "base/hash.h"
 
 namespace {
 

@@ -34,7 +34,7 @@
 #include <vector>
 
 #include "base/hash.h"
-#include "tests/e2e/daemon.h"
+#include "tests/support/daemon.h"
 
 using namespace e2e;
 

@@ -21,7 +21,7 @@
 #include "base/runtime.h"
 #include "base/socket.h"
 #include "protocol/appsrv_protocol_request/appsrv_protocol_request.h"
-#include "protocol/message_testing.h"
+#include "tests/support/message_testing.h"
 
 namespace {
 

@@ -55,7 +55,7 @@ int ctl_report_fault(const ctl_options* options, const std::string& what, const 
 
 int ctl_report_failure(const ctl_options* options, const std::string& what, const ctl_reply* reply) {
   ctl_report(options, "%s: %s", what.c_str(), ctl_terminal_escape(reply->reason).c_str());
-  return ctl_status_of_reason(reply->reason);
+  return management_outcome_of(reply->reason);
 }
 
 int ctl_run_list(const ctl_options* options) {
@@ -91,7 +91,7 @@ int ctl_run_list(const ctl_options* options) {
 int ctl_run_delete(const ctl_options* options) {
   const char* name = options->operands[0];
   std::string what = "delete " + ctl_quote(name);
-  if (!ctl_name_valid(name)) {
+  if (!management_name_valid(name)) {
     ctl_report_local("%s: invalid name", what.c_str());
     return CTL_FAILED;
   }
@@ -99,7 +99,7 @@ int ctl_run_delete(const ctl_options* options) {
   int status = ctl_exchange(options, what, ctl_encode_request(CTL_DELETE, name, nullptr, 0), &reply);
   if (status != 0) return status;
   if (reply.kind == CTL_REPLY_FAILURE) {
-    if (options->force && ctl_status_of_reason(reply.reason) == CTL_UNKNOWN_NAME) {
+    if (options->force && management_outcome_of(reply.reason) == MANAGEMENT_NAME_UNKNOWN) {
       ctl_report(options, "%s: already gone", what.c_str());
       return CTL_OK;
     }
@@ -113,11 +113,11 @@ int ctl_run_rename(const ctl_options* options) {
   const char* old_name = options->operands[0];
   const char* new_name = options->operands[1];
   std::string what = "rename " + ctl_quote(old_name) + " to " + ctl_quote(new_name);
-  if (!ctl_name_valid(old_name)) {
+  if (!management_name_valid(old_name)) {
     ctl_report_local("%s: invalid old name", what.c_str());
     return CTL_FAILED;
   }
-  if (!ctl_name_valid(new_name)) {
+  if (!management_name_valid(new_name)) {
     ctl_report_local("%s: invalid new name", what.c_str());
     return CTL_FAILED;
   }

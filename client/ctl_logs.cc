@@ -165,7 +165,7 @@ int follow(follower* log) {
 int ctl_run_logs(const ctl_options* options) {
   const char* name = options->operands[0];
   std::string what = "logs " + ctl_quote(name);
-  if (!ctl_name_valid(name)) {
+  if (!management_name_valid(name)) {
     ctl_report_local("%s: invalid name", what.c_str());
     return CTL_FAILED;
   }

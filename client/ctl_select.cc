@@ -16,7 +16,6 @@ constexpr size_t kBuffer = 64 * 1024;
 // An idle stack is started again by the select that found it idle; this gives
 // its process time to come up before the one more attempt.
 constexpr uint32_t kResurrectWait_ms = 1000;
-constexpr const char kResurrecting[] = "resurrecting dead stack";
 
 // Writes all of `size` bytes; false when the descriptor refuses them.
 bool write_all(int descriptor, const char* bytes, size_t size, bool is_socket) {
@@ -96,7 +95,7 @@ int join(const ctl_options* options, const std::string& what, int connection) {
 int ctl_run_select(const ctl_options* options) {
   const char* name = options->operands[0];
   std::string what = "select " + ctl_quote(name);
-  if (!ctl_name_valid(name)) {
+  if (!management_name_valid(name)) {
     ctl_report_local("%s: invalid name", what.c_str());
     return CTL_FAILED;
   }
@@ -122,8 +121,8 @@ int ctl_run_select(const ctl_options* options) {
       ctl_report(options, "%s: unexpected reply", what.c_str());
       return CTL_FAILED;
     }
-    if (attempt > 0 || reply.reason != kResurrecting) return ctl_report_failure(options, what, &reply);
-    ctl_report(options, "%s: %s, asking again", what.c_str(), kResurrecting);
+    if (attempt > 0 || !management_worth_repeating(reply.reason)) return ctl_report_failure(options, what, &reply);
+    ctl_report(options, "%s: %s, asking again", what.c_str(), reply.reason.c_str());
     runtime_sleep(kResurrectWait_ms);
   }
 }

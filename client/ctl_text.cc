@@ -2,21 +2,6 @@
 
 #include <cstdio>
 
-int ctl_name_valid(std::string_view name) {
-  if (name.empty() || name.size() > 1023) return 0;
-  // A zero byte would end the name early on the daemon's side.
-  for (char c : name)
-    if (c == '\a' || c == '\b' || c == '\f' || c == '\n' || c == '\r' || c == '\t' || c == '\v' || c == '\0')
-      return 0;
-  return 1;
-}
-
-ctl_status ctl_status_of_reason(std::string_view reason) {
-  if (reason == "unknown name") return CTL_UNKNOWN_NAME;
-  if (reason == "duplicate name") return CTL_DUPLICATE_NAME;
-  return CTL_FAILED;
-}
-
 namespace {
 
 // Length of the valid UTF-8 sequence at the start of `text`, or 0.

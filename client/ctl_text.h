@@ -1,29 +1,23 @@
-// The texts appsrvctl writes and the rules it shares with the daemon: which
-// names the daemon accepts, which exit status a failure reason maps to, how
-// names are escaped for JSON and for a terminal, the upload progress line and
-// the sizes and durations people read.
+// The texts appsrvctl writes: its exit statuses (the management
+// vocabulary's outcomes), names escaped for JSON and for a terminal, the
+// upload progress line and the sizes and durations people read.
 #pragma once
 
 #include <cstdint>
 #include <string>
 #include <string_view>
 
-// Exit statuses of appsrvctl.
+#include "protocol/management.h"
+
+// Exit statuses of appsrvctl: the management vocabulary's outcomes.
 enum ctl_status : int {
-  CTL_OK = 0,
-  CTL_FAILED = 1,  // a failure reply without a status of its own
-  CTL_USAGE_ERROR = 2,
-  CTL_UNKNOWN_NAME = 3,
-  CTL_DUPLICATE_NAME = 4,
-  CTL_UNREACHABLE = 5,  // cannot connect, timed out, or closed without a reply
+  CTL_OK = MANAGEMENT_OK,
+  CTL_FAILED = MANAGEMENT_FAILED,  // a failure reply without a status of its own
+  CTL_USAGE_ERROR = MANAGEMENT_USAGE,
+  CTL_UNKNOWN_NAME = MANAGEMENT_NAME_UNKNOWN,
+  CTL_DUPLICATE_NAME = MANAGEMENT_NAME_TAKEN,
+  CTL_UNREACHABLE = MANAGEMENT_UNREACHABLE,  // cannot connect, timed out, or closed without a reply
 };
-
-// The daemon's own rule: 1 to 1023 bytes, none of bell, backspace, form feed,
-// line feed, carriage return, tab, vertical tab. 1 when valid.
-int ctl_name_valid(std::string_view name);
-
-// The exit status for a failure reply's reason.
-ctl_status ctl_status_of_reason(std::string_view reason);
 
 // 1 when the text is valid UTF-8 (no overlong forms, no surrogates).
 int ctl_utf8_valid(std::string_view text);

@@ -2,7 +2,7 @@
 // the way back through the parser that a stack uses.
 #include <gtest/gtest.h>
 
-#include "protocol/message_testing.h"
+#include "tests/support/message_testing.h"
 #include "protocol/os_internal_protocol/os_internal_protocol.h"
 
 #define CTL(name) image___os_internal_protocol___##name

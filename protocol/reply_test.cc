@@ -6,7 +6,7 @@
 #include <vector>
 
 #include "protocol/appsrv_protocol_reply/appsrv_protocol_reply.h"
-#include "protocol/message_testing.h"
+#include "tests/support/message_testing.h"
 
 #define REP(name) image___appsrv_protocol_reply___##name
 #define NAMES(name) REP(root___status___success___type___data___stack_names_t___##name)

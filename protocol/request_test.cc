@@ -6,7 +6,7 @@
 #include <climits>
 
 #include "protocol/appsrv_protocol_request/appsrv_protocol_request.h"
-#include "protocol/message_testing.h"
+#include "tests/support/message_testing.h"
 
 #define REQ(name) image___appsrv_protocol_request___##name
 

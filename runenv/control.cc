@@ -11,7 +11,8 @@ namespace {
 
 using control_t = image___os_internal_protocol___root_t;
 
-enum : uint32_t { TYPE_SET_NAME = 0, TYPE_SHUTDOWN = 1, TYPE_SOCKPASS = 2, TYPE_TEXT = 3 };
+// The control message's kinds by the names the generated module gives their tags.
+#define CONTROL_KIND(kind) image___os_internal_protocol___root_t___type___tag___##kind
 
 // Log lines carry the text on one line: control bytes would split it or
 // garble the terminal, so they are shown as '?'.
@@ -40,16 +41,16 @@ void take_connection(runenv_stack* stack, socket_record* connection) {
 // handed on is marked closed in `passed`.
 int dispatch(runenv_stack* stack, control_t* root, socket_record* passed) {
   switch (root->type.tag) {
-    case TYPE_SET_NAME: {
+    case CONTROL_KIND(set_name): {
       auto* set_name = static_cast<image___os_internal_protocol___root___type___set_name_t*>(root->type.payload);
       const char* name = set_name->name.text != nullptr ? set_name->name.text : "";
       runenv_say(stack, RUNENV_ECHO_INFO, "renamed to [%s]", name);
       runenv_stack_set_name(stack, name, set_name->name.length);
       return 0;
     }
-    case TYPE_SHUTDOWN:
+    case CONTROL_KIND(shutdown):
       return 1;
-    case TYPE_SOCKPASS:
+    case CONTROL_KIND(sockpass):
       if (passed->descriptor < 0) {
         runenv_say(stack, RUNENV_ECHO_ERROR, "sockpass without a connection ignored");
         return 0;
@@ -57,9 +58,9 @@ int dispatch(runenv_stack* stack, control_t* root, socket_record* passed) {
       take_connection(stack, passed);
       passed->descriptor = -1;
       return 0;
-    case TYPE_TEXT: {
+    case CONTROL_KIND(text): {
       auto* text = static_cast<image___os_internal_protocol___root___type___text_t*>(root->type.payload);
-      log_text(stack, text->channel.tag == 0, &text->line);
+      log_text(stack, text->channel.tag == image___os_internal_protocol___root___type___text_t___channel___tag___error, &text->line);
       return 0;
     }
     default:

@@ -20,7 +20,7 @@ int refuse(runenv_stack* stack, socket_record* connection, const char* reason) {
 }
 
 // An executable image is made runnable; anything else must be a bundle.
-// 0, or -1 with the reason after "invalid image: ".
+// 0, or -1 with the reason after the invalid-image prefix.
 int prepare_image(runenv_stack* stack, bucket* reason) {
   const char* image = bucket_cstring(&stack->image_path);
   const char* why = nullptr;
@@ -38,7 +38,7 @@ int prepare_image(runenv_stack* stack, bucket* reason) {
 
 int deploy_on(runenv_stack* stack, socket_record* connection) {
   bucket reason{};
-  bucket_append(&reason, "invalid image: ");
+  bucket_append(&reason, MANAGEMENT_INVALID_IMAGE_PREFIX);
   uint64_t prefix = reason.length;
   if (prepare_image(stack, &reason) != 0) {
     if (reason.length == prefix) bucket_append(&reason, "unknown problem");
@@ -50,11 +50,11 @@ int deploy_on(runenv_stack* stack, socket_record* connection) {
   bucket_release(&reason);
   // Listening before the client hears of success: a client that selects the
   // stack right after its upload must find the socket bound.
-  if (runenv_stack_open(stack) != 0) return refuse(stack, connection, "control socket unavailable");
+  if (runenv_stack_open(stack) != 0) return refuse(stack, connection, MANAGEMENT_NO_CONTROL_SOCKET);
   if (fs_touch(&stack->deployed_path) != 0) {
-    runenv_say(stack, RUNENV_ECHO_ERROR, "deployed marker not written, %s", strerror(errno));
+    runenv_say(stack, RUNENV_ECHO_ERROR, "%s, %s", MANAGEMENT_NO_DEPLOYED_MARKER, strerror(errno));
     runenv_stack_close(stack);
-    return refuse(stack, connection, "deployed marker not written");
+    return refuse(stack, connection, MANAGEMENT_NO_DEPLOYED_MARKER);
   }
   runenv_say(stack, RUNENV_ECHO_INFO, "deployed%s", stack->bundle ? " (bundle)" : "");
   // The stack is deployed whether or not the client is still there to hear it.
@@ -85,7 +85,7 @@ int runenv_resume(runenv_stack* stack) {
   if (stack->bundle) {
     bucket reason{};
     if (runenv_manifest_load(bucket_cstring(&stack->app_path), &stack->manifest, &reason) != 0) {
-      runenv_say(stack, RUNENV_ECHO_ERROR, "invalid image: %s", bucket_cstring(&reason));
+      runenv_say(stack, RUNENV_ECHO_ERROR, "%s%s", MANAGEMENT_INVALID_IMAGE_PREFIX, bucket_cstring(&reason));
       bucket_release(&reason);
       return 1;
     }

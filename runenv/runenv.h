@@ -28,6 +28,7 @@
 #include "base/bucket.h"
 #include "base/dymarray.h"
 #include "base/socket.h"
+#include "protocol/management.h"
 
 // ---- argument vector -----------------------------------------------------
 
@@ -128,8 +129,8 @@ void runenv_log_line(runenv_log* log, const char* source, const char* text, uint
 
 // ---- the stack -----------------------------------------------------------
 
-// Largest stack name with its terminator, the same bound as the daemon's.
-constexpr uint64_t RUNENV_NAME_SIZE = 1024;
+// Largest stack name with its terminator.
+constexpr uint64_t RUNENV_NAME_SIZE = MANAGEMENT_NAME_MAX + 1;
 
 enum runenv_service_state : int32_t {
   RUNENV_SERVICE_STARTING = 0,  // started less than RUNENV_SERVICE_SETTLE_MS ago

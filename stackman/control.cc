@@ -88,12 +88,12 @@ void stackman_stack_message(stackman_stack* stack, int selector, const char* nam
 
 stackman_stack* stackman_stack_rename(stackman_stack* stack, const char* new_name) {
   if (name_taken(new_name)) {
-    stackman_set_error("`key` not unique");
+    stackman_set_error(MANAGEMENT_KEY_NOT_UNIQUE);
     return nullptr;
   }
   snprintf(stack->name, sizeof stack->name, "%s", new_name);
   if (store_name_tag(stack) != 0) {
-    stackman_set_error("name-tag not found");
+    stackman_set_error(MANAGEMENT_NAME_TAG_NOT_FOUND);
     return nullptr;
   }
   if (send_message(stack, STACKMAN_SET_NAME, stack->name, nullptr) != 0)
@@ -110,7 +110,7 @@ int stackman_upgrade_connection(stackman_stack* stack, socket_record* connection
   }
   // An idle stack has no process to take the connection: start it, and let
   // the client ask again once it runs.
-  if (stackman_start(stack, nullptr) == 0) stackman_set_error("resurrecting dead stack");
+  if (stackman_start(stack, nullptr) == 0) stackman_set_error(MANAGEMENT_RESURRECTING);
   return -1;
 }
 

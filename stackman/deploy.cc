@@ -37,7 +37,7 @@ const char* open_staging(stackman_image* image) {
   bucket staging = stackman_staging_path();
   if (fs_mkdir(&staging) != 0) {
     bucket_release(&staging);
-    return "mkdir store path";
+    return MANAGEMENT_MKDIR_STORE_PATH;
   }
   image->staging_path = staging;
   bucket file = fs_copy(&staging);
@@ -46,7 +46,7 @@ const char* open_staging(stackman_image* image) {
   fs_join(&file, "image");
   image->descriptor = open(bucket_cstring(&file), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
   bucket_release(&file);
-  return image->descriptor < 0 ? "store image" : nullptr;
+  return image->descriptor < 0 ? MANAGEMENT_STORE_IMAGE : nullptr;
 }
 
 void close_image_file(stackman_image* image) {
@@ -88,15 +88,15 @@ const char* finish_store(stackman_image* image, stackman_stack* stack) {
   image->descriptor = -1;
   bool synced = stackman_sync_descriptor(descriptor) == 0;
   if (close(descriptor) != 0 && errno != EINTR) synced = false;
-  if (!synced) return "store image";
+  if (!synced) return MANAGEMENT_STORE_IMAGE;
   bucket serv = fs_copy(&image->staging_path);
   fs_join(&serv, "serv");
   bucket tag = fs_copy(&serv);
   fs_join(&tag, "name");
   const char* error = nullptr;
-  if (stackman_write_durable(&tag, stack->name, strlen(stack->name)) != 0) error = "store name-tag";
+  if (stackman_write_durable(&tag, stack->name, strlen(stack->name)) != 0) error = MANAGEMENT_STORE_NAME_TAG;
   if (error == nullptr && (stackman_sync_directory(&serv) != 0 || stackman_sync_directory(&image->staging_path) != 0))
-    error = "store image";
+    error = MANAGEMENT_STORE_IMAGE;
   bucket_release(&tag);
   bucket_release(&serv);
   return error;
@@ -143,7 +143,7 @@ void stackman_image_write(stackman_image* image, const void* bytes, uint64_t siz
   if (image->error != nullptr || size == 0) return;
   if (stackman_write_all(image->descriptor, bytes, size) != 0) {
     // A full disk is given back at once, not after the rest has arrived.
-    image->error = "store image";
+    image->error = MANAGEMENT_STORE_IMAGE;
     stackman_image_discard(image);
     return;
   }
@@ -169,12 +169,12 @@ stackman_stack* stackman_stack_allocate(const char* name, stackman_image* image,
   }
 
   made_paths made{};
-  if (fs_mkdir(&stack->stack_path) != 0) return abandon(stack, image, made, "mkdir stack path");
+  if (fs_mkdir(&stack->stack_path) != 0) return abandon(stack, image, made, MANAGEMENT_MKDIR_STACK_PATH);
   made.stack_dir = true;
   if (image->error != nullptr) return abandon(stack, image, made, image->error);
-  if (entry_exists(&stack->store_path)) return abandon(stack, image, made, "mkdir store path");
+  if (entry_exists(&stack->store_path)) return abandon(stack, image, made, MANAGEMENT_MKDIR_STORE_PATH);
   if (const char* error = finish_store(image, stack)) return abandon(stack, image, made, error);
-  if (publish(image, stack) != 0) return abandon(stack, image, made, "mkdir store path");
+  if (publish(image, stack) != 0) return abandon(stack, image, made, MANAGEMENT_MKDIR_STORE_PATH);
   // From here on the store stands under its key.
   made.store_dir = true;
 

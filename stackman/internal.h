@@ -2,6 +2,7 @@
 // manager's interface.
 #pragma once
 
+#include "protocol/management.h"
 #include "stackman/stackman.h"
 
 struct stackman_manager {

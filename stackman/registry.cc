@@ -16,8 +16,9 @@ namespace {
 
 constexpr const char* kPrivatePath = "./private";
 constexpr const char* kNodePath = "./private/node";
-// A name is at most 1023 bytes; a longer name-tag yields its first 1023.
-constexpr uint64_t kNameTagReadLimit = STACKMAN_NAME_SIZE - 1;
+// A longer name-tag yields a name of its first bytes, as many as a name holds.
+constexpr uint64_t kNameTagReadLimit = MANAGEMENT_NAME_MAX;
+static_assert(STACKMAN_NAME_SIZE == MANAGEMENT_NAME_MAX + 1, "a record holds the longest name and its terminator");
 constexpr uint64_t kKeyLength = STACKMAN_KEY_SIZE - 1;
 
 [[noreturn]] void fatal(const char* line) {
@@ -68,7 +69,7 @@ bool name_taken(const char* name) {
 // can never be given the name it already has.
 int assign_name(stackman_stack* stack, const char* name) {
   if (name_taken(name)) {
-    stackman_set_error("`key` not unique");
+    stackman_set_error(MANAGEMENT_KEY_NOT_UNIQUE);
     return -1;
   }
   snprintf(stack->name, sizeof stack->name, "%s", name);
@@ -178,18 +179,11 @@ stackman_deployments stackman_deployment_counts() { return stackman_state.deploy
 
 const char* stackman_strerror() { return stackman_state.last_error; }
 
-int stackman_validate_name(const char* name) {
-  // Length minus one as an unsigned number: the empty name wraps to the top.
-  if (strlen(name) - 1 > STACKMAN_NAME_SIZE - 2) return -1;
-  constexpr const char kForbidden[] = {'\a', '\b', '\f', '\n', '\r', '\t', '\v'};
-  for (char forbidden : kForbidden)
-    if (strchr(name, forbidden) != nullptr) return -1;
-  return 0;
-}
+int stackman_validate_name(const char* name) { return management_name_valid(name) ? 0 : -1; }
 
 stackman_stack* stackman_stack_create(const char* key, const char* name) {
   if (name_taken(name)) {
-    stackman_set_error("`key` not unique");
+    stackman_set_error(MANAGEMENT_KEY_NOT_UNIQUE);
     return nullptr;
   }
   auto* stack = static_cast<stackman_stack*>(runtime_zalloc(sizeof(stackman_stack)));
@@ -221,7 +215,7 @@ stackman_stack* stackman_stack_create(const char* key, const char* name) {
 
 int stackman_start(stackman_stack* stack, const char* const* extra) {
   if (stack->state != STACKMAN_IDLE) {
-    stackman_set_error("invalid stack state");
+    stackman_set_error(MANAGEMENT_INVALID_STATE);
     return -1;
   }
   const char* argv[10] = {STACKMAN_BOOTSTRAP,
@@ -235,7 +229,7 @@ int stackman_start(stackman_stack* stack, const char* const* extra) {
   argv[count] = nullptr;
   process* job = process_create_job(argv, nullptr);
   if (job == nullptr) {
-    stackman_set_error("spawn child");
+    stackman_set_error(MANAGEMENT_SPAWN_CHILD);
     return -1;
   }
   stack->job = job;

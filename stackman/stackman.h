@@ -36,7 +36,7 @@ enum : int {
 };
 
 constexpr uint64_t STACKMAN_KEY_SIZE = 65;  // 64 hexadecimal characters + terminator
-constexpr uint64_t STACKMAN_NAME_SIZE = 1024;  // up to 1023 bytes + terminator
+constexpr uint64_t STACKMAN_NAME_SIZE = 1024;  // the longest name the management vocabulary allows + terminator
 
 // How a stack's latest job ended.
 struct stackman_exit {
@@ -100,8 +100,8 @@ stackman_deployments stackman_deployment_counts();
 // The last failure of a manager operation (a constant text, or null before
 // the first failure).
 const char* stackman_strerror();
-// 0 for 1 to 1023 bytes without bell, backspace, form feed, line feed,
-// carriage return, tab or vertical tab; -1 otherwise.
+// 0 when `name` is a valid stack name by the management vocabulary's rule
+// (protocol/management.h); -1 otherwise.
 int stackman_validate_name(const char* name);
 // A new idle record at the head of the list, or null when a stack already has
 // the name.

@@ -29,6 +29,9 @@
 #include <unistd.h>
 #include <vector>
 
+#include "base/bigendian.h"
+#include "protocol/os_internal_protocol/os_internal_protocol.h"
+
 namespace {
 
 std::string log_path;
@@ -138,27 +141,25 @@ void greet(int fd, const std::string& what) {
   close(fd);
 }
 
-uint32_t big_endian(const uint8_t* p) {
-  return (uint32_t{p[0]} << 24) | (uint32_t{p[1]} << 16) | (uint32_t{p[2]} << 8) | uint32_t{p[3]};
-}
-
-// One control message: 64 fingerprint bytes, the tag, and for set_name the name.
+// One control message: 64 fingerprint bytes, the tag, and for set_name the
+// name. Read by hand rather than with the control module, so that the tests
+// see what actually went over the wire.
 bool handle_datagram(const uint8_t* bytes, ssize_t size, int passed_fd, const Behaviour& b) {
   if (size < 68) {
     log_line("message short " + std::to_string(size));
     return true;
   }
-  uint32_t tag = big_endian(bytes + 64);
+  uint32_t tag = bigendian_load32(bytes + 64);
   std::string line = "message " + std::to_string(tag);
-  if (tag == 0 && size >= 72) {
-    uint32_t length = big_endian(bytes + 68);
+  if (tag == image___os_internal_protocol___root_t___type___tag___set_name && size >= 72) {
+    uint32_t length = bigendian_load32(bytes + 68);
     current_name.assign(reinterpret_cast<const char*>(bytes + 72), length);
     line += " " + current_name;
   }
   if (passed_fd >= 0) line += " fd";
   log_line(line);
   if (passed_fd >= 0) greet(passed_fd, "hello");
-  if (tag == 1 && !b.ignore_shutdown) {
+  if (tag == image___os_internal_protocol___root_t___type___tag___shutdown && !b.ignore_shutdown) {
     log_line("shutdown-exit");
     exit(b.shutdown_exit);
   }

@@ -15,7 +15,7 @@
 #include <string>
 #include <thread>
 
-#include "tests/e2e/daemon.h"
+#include "tests/support/daemon.h"
 
 using namespace e2e;
 

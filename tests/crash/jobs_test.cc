@@ -10,7 +10,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include "tests/e2e/daemon.h"
+#include "tests/support/daemon.h"
 
 using namespace e2e;
 

@@ -9,7 +9,7 @@
 #include <sys/statvfs.h>
 #include <unistd.h>
 
-#include "tests/e2e/daemon.h"
+#include "tests/support/daemon.h"
 
 using namespace e2e;
 

@@ -5,7 +5,7 @@
 #include <csignal>
 #include <string>
 
-#include "tests/e2e/ctl.h"
+#include "tests/support/ctl.h"
 
 using namespace e2e;
 

@@ -14,7 +14,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include "tests/e2e/ctl.h"
+#include "tests/support/ctl.h"
 
 using namespace e2e;
 

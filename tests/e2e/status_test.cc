@@ -16,7 +16,7 @@
 #include <unistd.h>
 #include <vector>
 
-#include "tests/e2e/ctl.h"
+#include "tests/support/ctl.h"
 
 using namespace e2e;
 using json = nlohmann::json;

@@ -1,4 +1,4 @@
-#include "tests/e2e/client.h"
+#include "tests/support/client.h"
 
 #include <arpa/inet.h>
 #include <cerrno>

@@ -1,4 +1,4 @@
-#include "tests/e2e/ctl.h"
+#include "tests/support/ctl.h"
 
 #include <cstdlib>
 #include <sys/wait.h>

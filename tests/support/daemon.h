@@ -10,7 +10,7 @@
 #include <sys/types.h>
 #include <vector>
 
-#include "tests/e2e/client.h"
+#include "tests/support/client.h"
 
 namespace e2e {
 

@@ -1,4 +1,4 @@
-#include "tests/e2e/daemon.h"
+#include "tests/support/daemon.h"
 
 #include <algorithm>
 #include <arpa/inet.h>
