@@ -16,6 +16,7 @@
 
 #include "base/fs.h"
 #include "base/runtime.h"
+#include "base/text.h"
 #include "stackman/stackman.h"
 
 appsrv_counters appsrv_counted;
@@ -46,60 +47,7 @@ bool owed;  // a pass was not looked at
 std::string building;
 std::string written;
 
-// Length of the valid UTF-8 sequence at the start of `text`, or 0.
-size_t utf8_sequence(std::string_view text) {
-  auto byte = [&](size_t i) { return static_cast<unsigned char>(text[i]); };
-  unsigned char lead = byte(0);
-  size_t length;
-  uint32_t minimum;
-  uint32_t value;
-  if (lead < 0x80) return 1;
-  if ((lead & 0xe0) == 0xc0) {
-    length = 2, minimum = 0x80, value = lead & 0x1f;
-  } else if ((lead & 0xf0) == 0xe0) {
-    length = 3, minimum = 0x800, value = lead & 0x0f;
-  } else if ((lead & 0xf8) == 0xf0) {
-    length = 4, minimum = 0x10000, value = lead & 0x07;
-  } else {
-    return 0;
-  }
-  if (text.size() < length) return 0;
-  for (size_t i = 1; i < length; ++i) {
-    if ((byte(i) & 0xc0) != 0x80) return 0;
-    value = (value << 6) | (byte(i) & 0x3f);
-  }
-  // Overlong forms, surrogates and values beyond Unicode are not UTF-8.
-  if (value < minimum || value > 0x10ffff || (value >= 0xd800 && value <= 0xdfff)) return 0;
-  return length;
-}
-
 constexpr char kHexDigits[] = "0123456789abcdef";
-
-// A JSON string: valid UTF-8 passes through, a byte that is not part of it
-// becomes U+FFFD, so any name gives valid JSON.
-void append_string(std::string& out, std::string_view text) {
-  out += '"';
-  for (size_t i = 0; i < text.size();) {
-    unsigned char c = static_cast<unsigned char>(text[i]);
-    if (c == '"' || c == '\\') {
-      out += '\\';
-      out += static_cast<char>(c);
-      ++i;
-    } else if (c < 0x20 || c == 0x7f) {
-      out += "\\u00";
-      out += kHexDigits[c >> 4];
-      out += kHexDigits[c & 0xf];
-      ++i;
-    } else if (size_t length = utf8_sequence(text.substr(i)); length != 0) {
-      out.append(text.substr(i, length));
-      i += length;
-    } else {
-      out += "\\ufffd";
-      ++i;
-    }
-  }
-  out += '"';
-}
 
 // The exact bytes, two lower-case hexadecimal digits each.
 void append_hex(std::string& out, std::string_view bytes) {
@@ -128,7 +76,7 @@ void append_key(std::string& out, const char* key) {
 
 void append_member(std::string& out, const char* key, std::string_view text) {
   append_key(out, key);
-  append_string(out, text);
+  text_append_json(&out, text);
 }
 
 template <std::integral Number>

@@ -2,34 +2,9 @@
 
 #include <cstdio>
 
-namespace {
+#include "base/text.h"
 
-// Length of the valid UTF-8 sequence at the start of `text`, or 0.
-size_t utf8_sequence(std::string_view text) {
-  auto byte = [&](size_t i) { return static_cast<unsigned char>(text[i]); };
-  unsigned char lead = byte(0);
-  size_t length;
-  uint32_t minimum;
-  uint32_t value;
-  if (lead < 0x80) return 1;
-  if ((lead & 0xe0) == 0xc0) {
-    length = 2, minimum = 0x80, value = lead & 0x1f;
-  } else if ((lead & 0xf0) == 0xe0) {
-    length = 3, minimum = 0x800, value = lead & 0x0f;
-  } else if ((lead & 0xf8) == 0xf0) {
-    length = 4, minimum = 0x10000, value = lead & 0x07;
-  } else {
-    return 0;
-  }
-  if (text.size() < length) return 0;
-  for (size_t i = 1; i < length; ++i) {
-    if ((byte(i) & 0xc0) != 0x80) return 0;
-    value = (value << 6) | (byte(i) & 0x3f);
-  }
-  // Overlong forms, surrogates and values beyond Unicode are not UTF-8.
-  if (value < minimum || value > 0x10ffff || (value >= 0xd800 && value <= 0xdfff)) return 0;
-  return length;
-}
+namespace {
 
 void append_hex(std::string* out, const char* format, unsigned value) {
   char buffer[8];
@@ -39,35 +14,11 @@ void append_hex(std::string* out, const char* format, unsigned value) {
 
 }  // namespace
 
-int ctl_utf8_valid(std::string_view text) {
-  for (size_t i = 0, length; i < text.size(); i += length)
-    if ((length = utf8_sequence(text.substr(i))) == 0) return 0;
-  return 1;
-}
+int ctl_utf8_valid(std::string_view text) { return text_utf8_valid(text) ? 1 : 0; }
 
 std::string ctl_json_string(std::string_view text) {
-  std::string out = "\"";
-  for (size_t i = 0; i < text.size();) {
-    unsigned char c = static_cast<unsigned char>(text[i]);
-    if (c == '"' || c == '\\') {
-      out += '\\';
-      out += static_cast<char>(c);
-      ++i;
-    } else if (c < 0x20 || c == 0x7f) {
-      append_hex(&out, "\\u%04x", c);
-      ++i;
-    } else {
-      size_t length = utf8_sequence(text.substr(i));
-      if (length == 0) {
-        out += "\\ufffd";
-        ++i;
-      } else {
-        out.append(text.substr(i, length));
-        i += length;
-      }
-    }
-  }
-  out += '"';
+  std::string out;
+  text_append_json(&out, text);
   return out;
 }
 
