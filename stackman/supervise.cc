@@ -38,37 +38,46 @@ void note_exit(stackman_stack* stack, process_status status) {
   figures.last_exit.at = time(nullptr);
 }
 
+// The leader outlived its grace after SIGTERM: SIGKILL to the whole group,
+// one line, and the wait for the leader.
+void kill_stubborn(stackman_stack* stack) {
+  kill(-stack->job->pid, SIGKILL);
+  runtime_err("Error: stack '%s'[%s] did not stop in time, killed\n", stack->key, stack->name);
+  reap_killed(stack->job);
+}
+
+// The job's leader has been collected: its end is counted, its record
+// forgotten and released, and the stack is idle.
+void release_job(stackman_stack* stack, process_status status) {
+  note_exit(stack, status);
+  stackman_jobs_forget(stack);
+  process_destroy(stack->job);
+  stack->job = nullptr;
+  stack->state = STACKMAN_IDLE;
+}
+
 // Kills the job's group and reaps its leader, whatever the leader does with
-// SIGTERM; the record is released and the stack left idle.
+// SIGTERM.
 void end_job(stackman_stack* stack) {
   process* job = stack->job;
   process_kill_job(job);
   int64_t deadline = runtime_getclock() + kStopGraceMilliseconds;
   while (process_alive(job)) {
     if (runtime_getclock() >= deadline) {
-      kill(-job->pid, SIGKILL);
-      runtime_err("Error: stack '%s'[%s] did not stop in time, killed\n", stack->key, stack->name);
-      reap_killed(job);
+      kill_stubborn(stack);
       break;
     }
     runtime_sleep(kStopPollMilliseconds);
   }
-  note_exit(stack, process_wait(job));
-  stackman_jobs_forget(stack);
-  process_destroy(job);
-  stack->job = nullptr;
-  stack->state = STACKMAN_IDLE;
+  release_job(stack, process_wait(job));
 }
 
-// The job's leader has been collected: decode its status, stop whatever it
-// left running in its group and release the record.
+// The job's leader has ended by itself: decode its status, stop whatever it
+// left running in its group and release the job.
 process_status collect(stackman_stack* stack) {
   process_status status = process_wait(stack->job);
-  note_exit(stack, status);
   process_kill_job(stack->job);
-  stackman_jobs_forget(stack);
-  process_destroy(stack->job);
-  stack->job = nullptr;
+  release_job(stack, status);
   return status;
 }
 
@@ -77,9 +86,8 @@ void supervise_running(stackman_stack* stack, dymarray* doomed) {
   process_status status = collect(stack);
   runtime_err("Error: stack '%s'[%s] unexpected exit, %s (%d)\n", stack->key, stack->name, status.description,
               status.code);
-  if (fs_exists(&stack->deployed_path)) {
-    stack->state = STACKMAN_IDLE;
-  } else {
+  // A stack whose deployment never completed goes at the end of the pass.
+  if (!fs_exists(&stack->deployed_path)) {
     ++stackman_state.deployments.unfinished;
     *static_cast<stackman_stack**>(dymarray_alloc(doomed)) = stack;
   }
@@ -91,7 +99,6 @@ void supervise_stopping(stackman_stack* stack) {
   if (status.code != 0)
     runtime_err("Error: stack '%s'[%s] failed to exit properly, %s (%d)\n", stack->key, stack->name,
                 status.description, status.code);
-  stack->state = STACKMAN_IDLE;
 }
 
 }  // namespace
@@ -140,18 +147,12 @@ void stackman_killall() {
   for (stackman_stack* stack = stackman_state.stacks; stack != nullptr; stack = stack->next) {
     process* job = stack->job;
     if (job == nullptr) continue;
-    bool stubborn = process_alive(job);
     // Members that outlived their leader go too: nothing of a stack may
     // outlive a forced stop.
-    kill(-job->pid, SIGKILL);
-    if (stubborn) {
-      runtime_err("Error: stack '%s'[%s] did not stop in time, killed\n", stack->key, stack->name);
-      reap_killed(job);
-    }
-    note_exit(stack, process_wait(job));
-    stackman_jobs_forget(stack);
-    process_destroy(job);
-    stack->job = nullptr;
-    stack->state = STACKMAN_IDLE;
+    if (process_alive(job))
+      kill_stubborn(stack);
+    else
+      kill(-job->pid, SIGKILL);
+    release_job(stack, process_wait(job));
   }
 }
