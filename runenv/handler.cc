@@ -26,19 +26,11 @@ void answer_without_handler(runenv_stack* stack, socket_record* connection) {
 // The connection on standard input and output, standard error into the log.
 process* spawn(runenv_stack* stack, int connection, int errors) {
   const char* image[] = {bucket_cstring(&stack->image_path), nullptr};
-  runenv_words environment = runenv_stack_environment(stack);
   process_options options{.argv = stack->bundle ? stack->manifest.handler_command.items : image,
-                          .environment = environment.items,
                           .working_directory = bucket_cstring(stack->bundle ? &stack->app_path : &stack->stack_path),
+                          .stdio = {connection, connection, errors},
                           .close_others = true};
-  options.stdio[0] = connection;
-  options.stdio[1] = connection;
-  options.stdio[2] = errors;
-  process* child = process_spawn(&options);
-  int error = errno;
-  runenv_words_release(&environment);
-  errno = error;
-  return child;
+  return runenv_stack_spawn(stack, &options);
 }
 
 // The client sees the end of its session once the runtime's copy of the

@@ -27,6 +27,7 @@
 
 #include "base/bucket.h"
 #include "base/dymarray.h"
+#include "base/process.h"
 #include "base/socket.h"
 #include "protocol/management.h"
 
@@ -208,10 +209,11 @@ void runenv_stack_close(runenv_stack* stack);
 // Closes os-worker and the log as above and frees what the stack holds;
 // children still running are neither signalled nor collected.
 void runenv_stack_release(runenv_stack* stack);
-// The environment of the stack's children: the runtime's own with the
-// stack's APPSRV_STACK_NAME, APPSRV_STACK_PATH and APPSRV_STORE_PATH put in,
-// and for a bundle the manifest's [env] over it. The caller releases it.
-runenv_words runenv_stack_environment(runenv_stack* stack);
+// Starts a child of the stack as `options` say, with the environment of the
+// stack's children: the runtime's own with the stack's APPSRV_STACK_NAME,
+// APPSRV_STACK_PATH and APPSRV_STORE_PATH put in, and for a bundle the
+// manifest's [env] over it. What process_spawn returns, errno included.
+process* runenv_stack_spawn(runenv_stack* stack, process_options* options);
 
 // Kinds of runtime lines: every one goes to the stack's log; INFO and ERROR
 // also to the daemon's output as "Stack 'KEY'[NAME]: TEXT" on standard output

@@ -79,21 +79,13 @@ void start_failed(runenv_stack* stack, int error) {
 // the log, lead its own group (so stopping it reaches what it started), and
 // die with the runtime, since the daemon signals only the runtime's group.
 process* spawn(runenv_stack* stack, int input, int output) {
-  runenv_words environment = runenv_stack_environment(stack);
   process_options options{.argv = stack->manifest.service_command.items,
-                          .environment = environment.items,
                           .working_directory = bucket_cstring(&stack->app_path),
+                          .stdio = {input, output, output},
                           .job = true,
                           .close_others = true,
                           .death_signal = SIGKILL};
-  options.stdio[0] = input;
-  options.stdio[1] = output;
-  options.stdio[2] = output;
-  process* child = process_spawn(&options);
-  int error = errno;
-  runenv_words_release(&environment);
-  errno = error;
-  return child;
+  return runenv_stack_spawn(stack, &options);
 }
 
 }  // namespace

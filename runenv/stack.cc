@@ -124,7 +124,9 @@ void runenv_stack_release(runenv_stack* stack) {
   dymarray_destroy(&stack->sources);
 }
 
-runenv_words runenv_stack_environment(runenv_stack* stack) {
+namespace {
+
+runenv_words stack_environment(runenv_stack* stack) {
   const runenv_words* own = &stack->manifest.environment;
   runenv_words words{};
   for (char** entry = environ; *entry != nullptr; ++entry)
@@ -134,4 +136,16 @@ runenv_words runenv_stack_environment(runenv_stack* stack) {
   push_variable(&words, "APPSRV_STORE_PATH", bucket_cstring(&stack->store_path));
   for (uint32_t i = 0; i < own->count; ++i) runenv_words_push(&words, own->items[i], strlen(own->items[i]));
   return words;
+}
+
+}  // namespace
+
+process* runenv_stack_spawn(runenv_stack* stack, process_options* options) {
+  runenv_words environment = stack_environment(stack);
+  options->environment = environment.items;
+  process* child = process_spawn(options);
+  int error = errno;
+  runenv_words_release(&environment);
+  errno = error;
+  return child;
 }
