@@ -33,6 +33,12 @@ void ctl_report_local(const char* format, ...) {
   va_end(arguments);
 }
 
+bool ctl_name_checked(const std::string& what, const char* name, const char* reason) {
+  if (management_name_valid(name)) return true;
+  ctl_report_local("%s: %s", what.c_str(), reason);
+  return false;
+}
+
 std::string ctl_quote(const char* name) { return "'" + ctl_terminal_escape(name) + "'"; }
 
 int ctl_exchange(const ctl_options* options, const std::string& what, const std::string& request,
@@ -91,10 +97,7 @@ int ctl_run_list(const ctl_options* options) {
 int ctl_run_delete(const ctl_options* options) {
   const char* name = options->operands[0];
   std::string what = "delete " + ctl_quote(name);
-  if (!management_name_valid(name)) {
-    ctl_report_local("%s: invalid name", what.c_str());
-    return CTL_FAILED;
-  }
+  if (!ctl_name_checked(what, name)) return CTL_FAILED;
   ctl_reply reply{};
   int status = ctl_exchange(options, what, ctl_encode_request(CTL_DELETE, name, nullptr, 0), &reply);
   if (status != 0) return status;
@@ -113,14 +116,9 @@ int ctl_run_rename(const ctl_options* options) {
   const char* old_name = options->operands[0];
   const char* new_name = options->operands[1];
   std::string what = "rename " + ctl_quote(old_name) + " to " + ctl_quote(new_name);
-  if (!management_name_valid(old_name)) {
-    ctl_report_local("%s: invalid old name", what.c_str());
+  if (!ctl_name_checked(what, old_name, MANAGEMENT_INVALID_OLD_NAME) ||
+      !ctl_name_checked(what, new_name, MANAGEMENT_INVALID_NEW_NAME))
     return CTL_FAILED;
-  }
-  if (!management_name_valid(new_name)) {
-    ctl_report_local("%s: invalid new name", what.c_str());
-    return CTL_FAILED;
-  }
   ctl_reply reply{};
   int status = ctl_exchange(options, what, ctl_encode_request(CTL_RENAME, old_name, new_name, 0), &reply);
   if (status != 0) return status;

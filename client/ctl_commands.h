@@ -8,6 +8,7 @@
 
 #include "client/ctl_args.h"
 #include "client/ctl_wire.h"
+#include "protocol/management.h"
 
 int ctl_run(const ctl_options* options);
 
@@ -29,6 +30,11 @@ void ctl_report(const ctl_options* options, const char* format, ...) __attribute
 // error: for what is found wrong before anything is sent, so that no address
 // is named as if the daemon had answered.
 void ctl_report_local(const char* format, ...) __attribute__((format(printf, 1, 2)));
+
+// True when `name` is a valid stack name; otherwise reports "what: reason"
+// (the vocabulary's reason, "invalid name" unless given) as found before
+// anything was sent. The caller then ends with CTL_FAILED.
+bool ctl_name_checked(const std::string& what, const char* name, const char* reason = MANAGEMENT_INVALID_NAME);
 
 // A name as it appears in messages: single-quoted and terminal-safe.
 std::string ctl_quote(const char* name);

@@ -165,10 +165,7 @@ int follow(follower* log) {
 int ctl_run_logs(const ctl_options* options) {
   const char* name = options->operands[0];
   std::string what = "logs " + ctl_quote(name);
-  if (!management_name_valid(name)) {
-    ctl_report_local("%s: invalid name", what.c_str());
-    return CTL_FAILED;
-  }
+  if (!ctl_name_checked(what, name)) return CTL_FAILED;
   std::string data_root = std::string(options->workdir) + "/data";
   int error = 0;
   std::string key = key_of(data_root, name, &error);

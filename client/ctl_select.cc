@@ -95,10 +95,7 @@ int join(const ctl_options* options, const std::string& what, int connection) {
 int ctl_run_select(const ctl_options* options) {
   const char* name = options->operands[0];
   std::string what = "select " + ctl_quote(name);
-  if (!management_name_valid(name)) {
-    ctl_report_local("%s: invalid name", what.c_str());
-    return CTL_FAILED;
-  }
+  if (!ctl_name_checked(what, name)) return CTL_FAILED;
   std::string request = ctl_encode_request(CTL_SELECT, name, nullptr, 0);
   for (int attempt = 0;; ++attempt) {
     socket_record sock{};

@@ -200,10 +200,7 @@ stream_end stream_image(const ctl_options* options, image_source* source, socket
 int ctl_run_upload(const ctl_options* options) {
   const char* name = options->operands[0];
   std::string what = "upload " + ctl_quote(name);
-  if (!management_name_valid(name)) {
-    ctl_report_local("%s: invalid name", what.c_str());
-    return CTL_FAILED;
-  }
+  if (!ctl_name_checked(what, name)) return CTL_FAILED;
   image_source source;
   int status = open_source(options, what, &source);
   if (status == 0) status = check_name_free(options, what, name);
