@@ -181,7 +181,7 @@ TEST(DaemonStop, AStackThatIgnoresShutdownNeedsASecondSignal) {
     Daemon daemon;
     start_with_stubborn_stack(daemon);
     daemon.signal(SIGINT);
-    ASSERT_TRUE(eventually([&] { return contains(daemon.log_of_stack("stubborn"), "message 1"); }));
+    ASSERT_TRUE(eventually([&] { return contains(daemon.log_of_stack("stubborn"), "shutdown\n"); }));
     EXPECT_EQ(daemon.wait_exit(1500), -1) << "the stack still runs, so the daemon waits";
     EXPECT_EQ(list(daemon.port()), Names{"stubborn"}) << "connections are still served while a stop is pending";
     daemon.signal(second);
