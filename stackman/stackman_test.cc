@@ -146,7 +146,6 @@ TEST_F(StackmanDeathTest, EveryStartupCheckEndsTheProcessWithItsMessage) {
   const std::string lost = "Fatal error: unable to recover state from file-system, ";
   struct Case { std::string setup, socket, message, stacks = "./stacks"; };
   const Case cases[] = {
-      {"rmdir data", "", "Error: directory './data' is missing"},
       {"touch stacks", "", "Error: './stacks' is a file, but must be a directory"},
       {"", "stacks", "Error: './stacks' is a socket, but must be a directory"},
       {"mkfifo stacks", "", "Error: './stacks' is not a directory"},
@@ -177,24 +176,6 @@ TEST_F(StackmanDeathTest, EveryStartupCheckEndsTheProcessWithItsMessage) {
   }
 }
 
-TEST_F(StackmanTest, RecoveryStartsADeployedStoreInAnEmptiedStackPathAsItsOwnGroup) {
-  const std::string a = key_of('a');
-  make_store(a, "alpha", true);
-  shell("mkdir -p stacks/" + a + " && touch stacks/" + a + "/old");
-  open_manager();
-  stackman_stack* alpha = stackman_get("alpha");
-  ASSERT_NE(alpha, nullptr);
-  EXPECT_EQ(alpha->state, STACKMAN_RUNNING);
-  EXPECT_EQ(stackman_get("Alpha"), nullptr) << "lookups are case-sensitive";
-  EXPECT_FALSE(exists("stacks/" + a + "/old"));
-
-  // Its own group's leader, the argument vector, only descriptors 0 1 2.
-  ASSERT_TRUE(logged(a, "ready"));
-  const std::string pid = std::to_string(alpha->job->pid);
-  EXPECT_EQ(log_of(a), "start pid=" + pid + " pgid=" + pid + "\nargs ./stacks/" + a + "|alpha|./runenv|./data/" + a +
-                           "|--\nfds 0 1 2\nready\n");
-}
-
 TEST_F(StackmanTest, RecoverySkipsNonKeysAndLeavesAStackThatCannotStartIdleUntilAHandOver) {
   bootstrap(false);
   const std::string too_long(65, 'f');
@@ -221,7 +202,6 @@ TEST_F(StackmanTest, RecoverySkipsNonKeysAndLeavesAStackThatCannotStartIdleUntil
 }
 
 TEST_F(StackmanTest, DeploymentHandsTheConnectionToANewestStackUnderAFreshKey) {
-  dir_.behave("app", "marker");
   open_manager();
   Client client;
   const std::string fd = std::to_string(client.record.descriptor);
@@ -229,11 +209,14 @@ TEST_F(StackmanTest, DeploymentHandsTheConnectionToANewestStackUnderAFreshKey) {
   ASSERT_NE(stack, nullptr) << stackman_strerror();
   EXPECT_EQ(stack->state, STACKMAN_RUNNING);
   EXPECT_TRUE(client.close_on_exec()) << "the connection is inheritable only while the stack starts";
-  const std::string key = stack->key;
+  EXPECT_EQ(stackman_get("App"), nullptr) << "lookups are case-sensitive";
+  const std::string key = stack->key, pid = std::to_string(stack->job->pid);
   EXPECT_EQ(strspn(stack->key, "0123456789abcdef"), 64u);
   EXPECT_EQ(client.answer(), "deployed app") << "the stack answers on the inherited connection";
-  EXPECT_TRUE(contains(log_of(key), "|--|--deploy|" + fd + "\nfds 0 1 2 " + fd + "\n")) << log_of(key);
   ASSERT_TRUE(logged(key, "ready")) << "the disk is still before the next deployment";
+  // Its own group's leader, the argument vector, only descriptors 0 1 2 and the connection.
+  EXPECT_EQ(log_of(key), "start pid=" + pid + " pgid=" + pid + "\nargs ./stacks/" + key + "|app|./runenv|./data/" + key +
+                             "|--|--deploy|" + fd + "\nfds 0 1 2 " + fd + "\nready\n");
   expect_failed_deploy("`key` not unique");
 
   // Records go first: every walk runs from the newest to the oldest.
@@ -352,8 +335,11 @@ TEST_F(StackmanTest, DestroyAndKilljobEndTheWholeGroup) {
   const std::string doomed = key_of('1'), stubborn = key_of('3');
   make_store(doomed, "doomed", true, "grandchild");
   make_store(stubborn, "stubborn", true, "ignore-term\ngrandchild-ignore-term");
+  shell("mkdir -p stacks/" + doomed + " && touch stacks/" + doomed + "/old");
   open_manager();
   ASSERT_TRUE(logged(doomed, "ready") && logged(stubborn, "ready"));
+  EXPECT_FALSE(exists("stacks/" + doomed + "/old")) << "recovery empties the stack path before the start";
+  EXPECT_TRUE(contains(log_of(doomed), "|--\nfds 0 1 2\n")) << "only its arguments, no descriptor of the manager's";
   const pid_t grandchildren[] = {grandchild_of(doomed), grandchild_of(stubborn)};
   stackman_stack_destroy(stackman_get("doomed"));
   EXPECT_EQ(stackman_get("doomed"), nullptr);

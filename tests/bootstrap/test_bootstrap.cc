@@ -12,8 +12,8 @@
 //   grandchild            leave a child in the group that sleeps forever
 //   grandchild-ignore-term  the same, ignoring SIGTERM
 //   no-bind               never bind os-worker
-//   count-peers           log "peers N": how many other live processes run
-//                         this stack (same stack path argument) at start
+//   count-peers           log "peers N" at start: how many earlier instances
+//                         of this stack or their grandchildren still live
 // Everything it sees goes to "<runenv>/test-log/<key>.log", one line per
 // event: "start pid=N pgid=N", "args A|B|...", "fds 0 1 2 ...", "grandchild
 // N", "ready" once os-worker is bound, then each control message by its kind
@@ -28,6 +28,7 @@
 #include <fcntl.h>
 #include <fstream>
 #include <iterator>
+#include <set>
 #include <string>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -50,26 +51,20 @@ std::string read_file(const std::string& path) {
 }
 
 struct Behaviour {
-  bool marker = false, ignore_term = false, ignore_shutdown = false, no_bind = false, count_peers = false;
+  std::set<std::string> flags;  // the directives without a number
   int exit_code = -1, signal_number = 0, shutdown_exit = 0;
-  int grandchild = 0;  // 1 plain, 2 ignoring SIGTERM
+  bool has(const char* flag) const { return flags.count(flag) != 0; }
 };
 
 Behaviour read_behaviour(const std::string& runenv, const std::string& name) {
   Behaviour b;
   std::ifstream in(runenv + "/test-control/" + name);
   if (!in) in.open(runenv + "/test-control/default");
-  for (std::string w; in >> w;) {
-    if (w == "marker") b.marker = true;
-    else if (w == "ignore-term") b.ignore_term = true;
-    else if (w == "ignore-shutdown") b.ignore_shutdown = true;
-    else if (w == "no-bind") b.no_bind = true;
-    else if (w == "count-peers") b.count_peers = true;
-    else if (w == "grandchild") b.grandchild = 1;
-    else if (w == "grandchild-ignore-term") b.grandchild = 2;
-    else if (w == "exit") in >> b.exit_code;
-    else if (w == "signal") in >> b.signal_number;
-    else if (w == "shutdown-exit") in >> b.shutdown_exit;
+  for (std::string word; in >> word;) {
+    if (word == "exit") in >> b.exit_code;
+    else if (word == "signal") in >> b.signal_number;
+    else if (word == "shutdown-exit") in >> b.shutdown_exit;
+    else b.flags.insert(word);
   }
   return b;
 }
@@ -85,24 +80,18 @@ std::string open_descriptors() {
   return list;
 }
 
-// Live (not zombie) processes other than this one whose first argument is
-// `stack_path`: earlier instances of the same stack that are still around.
-int count_peers(const std::string& stack_path) {
-  DIR* proc = opendir("/proc");
-  if (proc == nullptr) return -1;
+// Earlier instances of this stack and their grandchildren, as this log names
+// them, that are still alive (not zombies).
+int count_peers() {
   int count = 0;
-  while (dirent* entry = readdir(proc)) {
-    int pid = atoi(entry->d_name);
-    if (pid <= 0 || pid == getpid()) continue;
-    std::string base = std::string("/proc/") + entry->d_name, arguments = read_file(base + "/cmdline");
-    size_t first = arguments.find('\0');
-    if (first == std::string::npos || arguments.compare(first + 1, stack_path.size() + 1, stack_path + '\0') != 0)
-      continue;
-    std::string stat = read_file(base + "/stat");
-    size_t paren = stat.rfind(") ");
-    count += paren != std::string::npos && stat.compare(paren + 2, 1, "Z") != 0;
-  }
-  closedir(proc);
+  std::string log = read_file(log_path);
+  for (std::string prefix : {"start pid=", "grandchild "})
+    for (size_t at = log.find(prefix); at != std::string::npos; at = log.find(prefix, at + 1)) {
+      int pid = atoi(log.c_str() + at + prefix.size());
+      std::string stat = pid == getpid() ? "" : read_file("/proc/" + std::to_string(pid) + "/stat");
+      size_t paren = stat.rfind(") ");
+      count += paren != std::string::npos && stat.compare(paren + 2, 1, "Z") != 0;
+    }
   return count;
 }
 
@@ -142,7 +131,7 @@ void handle_datagram(const uint8_t* bytes, size_t size, int passed_fd, const Beh
   }
   log_line(line + (passed_fd >= 0 ? " fd" : ""));
   if (passed_fd >= 0) greet(passed_fd, "hello");
-  if (tag == image___os_internal_protocol___root_t___type___tag___shutdown && !b.ignore_shutdown) exit(b.shutdown_exit);
+  if (tag == image___os_internal_protocol___root_t___type___tag___shutdown && !b.has("ignore-shutdown")) exit(b.shutdown_exit);
 }
 
 void serve(int worker, const Behaviour& b) {
@@ -150,11 +139,8 @@ void serve(int worker, const Behaviour& b) {
     uint8_t bytes[65536];
     alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int))];
     iovec vector{bytes, sizeof bytes};
-    msghdr header{};
-    header.msg_iov = &vector;
-    header.msg_iovlen = 1;
-    header.msg_control = control;
-    header.msg_controllen = sizeof control;
+    msghdr header{.msg_name = nullptr, .msg_namelen = 0, .msg_iov = &vector, .msg_iovlen = 1,
+                  .msg_control = control, .msg_controllen = sizeof control, .msg_flags = 0};
     ssize_t got = recvmsg(worker, &header, MSG_CMSG_CLOEXEC);
     if (got < 0) {
       log_line(std::string("recv failed ") + strerror(errno));
@@ -181,15 +167,15 @@ int main(int argc, char** argv) {
   log_line("start pid=" + std::to_string(getpid()) + " pgid=" + std::to_string(getpgid(0)));
   log_line("args " + args);
   log_line("fds " + open_descriptors());
-  if (b.count_peers) log_line("peers " + std::to_string(count_peers(stack_path)));
+  if (b.has("count-peers")) log_line("peers " + std::to_string(count_peers()));
 
-  if (b.ignore_term) signal(SIGTERM, SIG_IGN);
-  if (b.grandchild) start_grandchild(b.grandchild == 2);
-  if (b.marker) close(open((store_path + "/serv/deployed").c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0644));
+  if (b.has("ignore-term")) signal(SIGTERM, SIG_IGN);
+  if (b.has("grandchild") || b.has("grandchild-ignore-term")) start_grandchild(b.has("grandchild-ignore-term"));
+  if (b.has("marker")) close(open((store_path + "/serv/deployed").c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0644));
   if (b.signal_number != 0) raise(b.signal_number);
   if (b.exit_code >= 0) return b.exit_code;
   if (argc >= 8 && std::string(argv[6]) == "--deploy") greet(atoi(argv[7]), "deployed");
-  if (b.no_bind) {
+  if (b.has("no-bind")) {
     for (;;) pause();
   }
 
