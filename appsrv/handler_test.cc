@@ -25,10 +25,7 @@ using namespace e2e;
 namespace {
 
 // Every step of a client: bytes to send, then a pause.
-struct Step {
-  std::string bytes;
-  int pause_ms = 0;
-};
+struct Step { std::string bytes; int pause_ms = 0; };
 using Steps = std::vector<Step>;
 
 // The same bytes in `count` steps `pause_ms` apart.
@@ -37,11 +34,6 @@ Steps trickle(const std::string& bytes, size_t count, int pause_ms) {
   for (size_t i = 0, size = bytes.size() / count; i < count; ++i)
     steps.push_back({bytes.substr(i * size, i + 1 < count ? size : std::string::npos), pause_ms});
   return steps;
-}
-
-bool readable(int fd) {
-  pollfd entry{fd, POLLIN, 0};
-  return poll(&entry, 1, 0) == 1;
 }
 
 class HandlerTest : public testing::Test {
@@ -71,7 +63,8 @@ class HandlerTest : public testing::Test {
     std::thread client([&] {
       Connection connection(port_);
       for (const Step& step : steps) {
-        if (readable(connection.fd()) || !connection.send(step.bytes)) break;
+        pollfd answered{connection.fd(), POLLIN, 0};
+        if (poll(&answered, 1, 0) == 1 || !connection.send(step.bytes)) break;
         usleep(step.pause_ms * 1000);
       }
       char first = 0;

@@ -231,36 +231,34 @@ TEST_F(StackmanTest, DeploymentHandsTheConnectionToANewestStackUnderAFreshKey) {
 TEST_F(StackmanTest, AnImageStagedInPiecesGetsTheKeyOfTheWholeImage) {
   open_manager();
   const std::string name = "pieces", image = std::string(100000, 'k') + "tail";
-  for (;;) {
-    const time_t now = time(nullptr);
+  stackman_stack* stack = nullptr;
+  time_t now;
+  int random_value;
+  do {  // again when a second began meanwhile: the key's time is unknown
+    if (stack != nullptr) stackman_stack_destroy(stack);
+    now = time(nullptr);
     srand(7);
-    const int random_value = rand();
+    random_value = rand();
     srand(7);
     stackman_image staged;
     stackman_image_begin(&staged, name.c_str());
     for (size_t at = 0, piece = 0; at <= image.size(); at += piece, piece = piece * 3 + 1)
       stackman_image_write(&staged, image.data() + at, std::min(piece, image.size() - at));
     Client client;
-    stackman_stack* stack = stackman_stack_allocate(name.c_str(), &staged, &client.record);
+    stack = stackman_stack_allocate(name.c_str(), &staged, &client.record);
     ASSERT_NE(stack, nullptr) << stackman_strerror();
-    EXPECT_EQ(read_file("data/" + std::string(stack->key) + "/serv/image"), image);
-    if (time(nullptr) != now) {  // a second began meanwhile: the key's time is unknown
-      stackman_stack_destroy(stack);
-      continue;
-    }
-    hash_context whole;
-    hash_open(&whole, HASH_SHA256);
-    hash_write(&whole, &now, sizeof now);
-    hash_write(&whole, name.data(), name.size());
-    hash_write(&whole, image.data(), image.size());
-    hash_write(&whole, &random_value, sizeof random_value);
-    uint8_t digest[HASH_SHA256_SIZE];
-    hash_close(&whole, digest);
-    char key[STACKMAN_KEY_SIZE];
-    hash_maphex(HASH_SHA256, digest, key);
-    EXPECT_STREQ(stack->key, key);
-    return;
-  }
+  } while (time(nullptr) != now);
+  EXPECT_EQ(read_file("data/" + std::string(stack->key) + "/serv/image"), image);
+  hash_context whole;
+  hash_open(&whole, HASH_SHA256);
+  for (const std::string& part : {std::string(reinterpret_cast<const char*>(&now), sizeof now), name, image,
+                                  std::string(reinterpret_cast<const char*>(&random_value), sizeof random_value)})
+    hash_write(&whole, part.data(), part.size());
+  uint8_t digest[HASH_SHA256_SIZE];
+  hash_close(&whole, digest);
+  char key[STACKMAN_KEY_SIZE];
+  hash_maphex(HASH_SHA256, digest, key);
+  EXPECT_STREQ(stack->key, key);
 }
 
 TEST_F(StackmanTest, FailedDeploymentsLeaveNothingBehindAndRemoveNothingTheyFound) {
