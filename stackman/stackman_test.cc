@@ -146,6 +146,7 @@ TEST_F(StackmanDeathTest, EveryStartupCheckEndsTheProcessWithItsMessage) {
   const std::string lost = "Fatal error: unable to recover state from file-system, ";
   struct Case { std::string setup, socket, message, stacks = "./stacks"; };
   const Case cases[] = {
+      {"rmdir data", "", "Error: directory './data' is missing"},
       {"touch stacks", "", "Error: './stacks' is a file, but must be a directory"},
       {"", "stacks", "Error: './stacks' is a socket, but must be a directory"},
       {"mkfifo stacks", "", "Error: './stacks' is not a directory"},
