@@ -97,12 +97,11 @@ class StackmanTest : public testing::Test {
     write_file("data/" + key + "/serv/name", name);
     dir_.behave(name, how);
   }
-  static std::string log_of(const std::string& key) { return read_file("runenv/test-log/" + key + ".log"); }
-  static bool logged(const std::string& key, const std::string& text) {
-    return eventually([&] { return contains(log_of(key), text); });
+  bool logged(const std::string& name, const std::string& text) {
+    return eventually([&] { return contains(dir_.log_of_stack(name), text); });
   }
-  static pid_t grandchild_of(const std::string& key) {
-    const std::string log = log_of(key);
+  pid_t grandchild_of(const std::string& name) {
+    const std::string log = dir_.log_of_stack(name);
     const char* at = strstr(log.c_str(), "grandchild ");
     return at == nullptr ? 0 : atoi(at + 11);
   }
@@ -214,13 +213,13 @@ TEST_F(StackmanTest, DeploymentHandsTheConnectionToANewestStackUnderAFreshKey) {
   const std::string key = stack->key, pid = std::to_string(stack->job->pid);
   EXPECT_EQ(strspn(stack->key, "0123456789abcdef"), 64u);
   EXPECT_EQ(client.answer(), "deployed app") << "the stack answers on the inherited connection";
-  ASSERT_TRUE(logged(key, "ready")) << "the disk is still before the next deployment";
+  ASSERT_TRUE(dir_.wait_ready("app")) << "the disk is still before the next deployment";
   // Its own group's leader, the argument vector, only descriptors 0 1 2 and the connection.
-  EXPECT_EQ(log_of(key), "start pid=" + pid + " pgid=" + pid + "\nargs ./stacks/" + key + "|app|./runenv|./data/" + key +
-                             "|--|--deploy|" + fd + "\nfds 0 1 2 " + fd + "\nready\n");
+  EXPECT_EQ(dir_.log_of_stack("app"), "start pid=" + pid + " pgid=" + pid + "\nargs ./stacks/" + key + "|app|./runenv|" +
+                                          "./data/" + key + "|--|--deploy|" + fd + "\nfds 0 1 2 " + fd + "\nready\n");
   expect_failed_deploy("`key` not unique");
 
-  // Records go first: every walk runs from the newest to the oldest.
+  // New records go first: every walk runs from the newest to the oldest.
   stackman_stack* newest = stackman_stack_create(key_of('1').c_str(), "newest");
   stackman_iter iterator{};
   EXPECT_EQ(stackman_iter_begin(&iterator), newest);
@@ -312,8 +311,8 @@ TEST_F(StackmanTest, SupervisionReportsEndedJobsAndSettlesTheirStacks) {
     stackman_stack* stack = deploy(c.name, "img", &client.record);
     ASSERT_NE(stack, nullptr);
     const std::string key = stack->key;
-    ASSERT_TRUE(logged(key, c.wait));
-    pid_t grandchild = grandchild_of(key);
+    ASSERT_TRUE(logged(c.name, c.wait));
+    pid_t grandchild = grandchild_of(c.name);
     if (c.stop) {
       EXPECT_EQ(stackman_signal(stack, STACKMAN_SHUTDOWN), 0);
       EXPECT_EQ(stack->state, STACKMAN_STOPPING);
@@ -336,10 +335,10 @@ TEST_F(StackmanTest, DestroyAndKilljobEndTheWholeGroup) {
   make_store(stubborn, "stubborn", true, "ignore-term\ngrandchild-ignore-term");
   shell("mkdir -p stacks/" + doomed + " && touch stacks/" + doomed + "/old");
   open_manager();
-  ASSERT_TRUE(logged(doomed, "ready") && logged(stubborn, "ready"));
+  ASSERT_TRUE(dir_.wait_ready("doomed") && dir_.wait_ready("stubborn"));
   EXPECT_FALSE(exists("stacks/" + doomed + "/old")) << "recovery empties the stack path before the start";
-  EXPECT_TRUE(contains(log_of(doomed), "|--\nfds 0 1 2\n")) << "only its arguments, no descriptor of the manager's";
-  const pid_t grandchildren[] = {grandchild_of(doomed), grandchild_of(stubborn)};
+  EXPECT_TRUE(contains(dir_.log_of_stack("doomed"), "|--\nfds 0 1 2\n")) << "no descriptor of the manager's";
+  const pid_t grandchildren[] = {grandchild_of("doomed"), grandchild_of("stubborn")};
   stackman_stack_destroy(stackman_get("doomed"));
   EXPECT_EQ(stackman_get("doomed"), nullptr);
   EXPECT_FALSE(exists("data/" + doomed) || exists("stacks/" + doomed));
@@ -362,11 +361,11 @@ TEST_F(StackmanTest, RenameAndBroadcastTellListeningStacksAndReportTheDeaf) {
   make_store(key_of('2'), "deaf", true, "no-bind");
   make_store(key_of('3'), "idle", true);
   open_manager();
-  ASSERT_TRUE(logged(key_of('1'), "ready") && logged(key_of('2'), "fds"));
+  ASSERT_TRUE(dir_.wait_ready("old") && logged("deaf", "fds"));
   stackman_stack* stack = stackman_get("old");
   EXPECT_EQ(stackman_stack_rename(stack, longest.c_str()), stack);
   EXPECT_EQ(read_file(tag), longest);
-  EXPECT_TRUE(logged(key_of('1'), "set_name " + longest + "\n"));
+  EXPECT_TRUE(logged(longest, "set_name " + longest + "\n"));
   for (const char* taken : {longest.c_str(), "deaf"}) {
     EXPECT_EQ(stackman_stack_rename(stack, taken), nullptr);
     EXPECT_STREQ(stackman_strerror(), "`key` not unique");

@@ -127,7 +127,8 @@ void handle_datagram(const uint8_t* bytes, size_t size, int passed_fd, const Beh
   }
   log_line(line + (passed_fd >= 0 ? " fd" : ""));
   if (passed_fd >= 0) greet(passed_fd, "hello");
-  if (tag == image___os_internal_protocol___root_t___type___tag___shutdown && !b.has("ignore-shutdown")) exit(b.shutdown_exit);
+  if (tag == image___os_internal_protocol___root_t___type___tag___shutdown && !b.has("ignore-shutdown"))
+    exit(b.shutdown_exit);
 }
 
 void serve(int worker, const Behaviour& b) {
