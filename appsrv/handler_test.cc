@@ -25,10 +25,7 @@ using namespace e2e;
 namespace {
 
 // Every step of a client: bytes to send, then a pause.
-struct Step {
-  std::string bytes;
-  int pause_ms = 0;
-};
+struct Step { std::string bytes; int pause_ms = 0; };
 using Steps = std::vector<Step>;
 
 // The same bytes in `count` steps `pause_ms` apart.
@@ -39,27 +36,10 @@ Steps trickle(const std::string& bytes, size_t count, int pause_ms) {
   return steps;
 }
 
-std::string image_of(size_t size) {
-  std::string image(size, '\0');
-  for (size_t i = 0; i < size; ++i) image[i] = static_cast<char>(i * 7 + i / 4093);
-  return image;
-}
-
-bool readable(int fd) {
-  pollfd entry{fd, POLLIN, 0};
-  return poll(&entry, 1, 0) == 1;
-}
-
 class HandlerTest : public testing::Test {
  protected:
   void SetUp() override {
-    char pattern[] = "/tmp/appsrv-handler-XXXXXX";
-    ASSERT_NE(mkdtemp(pattern), nullptr);
-    previous_ = std::filesystem::current_path();
-    std::filesystem::current_path(root_ = pattern);
-    for (const char* directory : {"runenv/image", "runenv/test-control", "data"}) make_tree(directory);
-    ASSERT_EQ(symlink(TEST_BOOTSTRAP, "runenv/image/application-server-bootstrap"), 0);
-    write_file("runenv/test-control/default", "marker");
+    std::filesystem::current_path(dir_.path(""));
     stackman_open("./runenv", "./stacks", "./data");
     socket_address address{};
     ASSERT_EQ(socket_address_tcp("127.0.0.1", "0", &address), 0);
@@ -68,15 +48,11 @@ class HandlerTest : public testing::Test {
     socklen_t length = sizeof bound;
     getsockname(listener_.descriptor, reinterpret_cast<sockaddr*>(&bound), &length);
     port_ = ntohs(bound.sin_port);
-    saved_ = appsrv_receive_limits;
     appsrv_receive_limits = {1000, 1000, 2000, 64 << 10};
   }
   void TearDown() override {
-    appsrv_receive_limits = saved_;
     socket_close(&listener_);
     stackman_reset();
-    std::filesystem::current_path(previous_);
-    std::filesystem::remove_all(root_);
   }
 
   // Serves one connection as the main loop does while a client takes its
@@ -87,7 +63,8 @@ class HandlerTest : public testing::Test {
     std::thread client([&] {
       Connection connection(port_);
       for (const Step& step : steps) {
-        if (readable(connection.fd()) || !connection.send(step.bytes)) break;
+        pollfd answered{connection.fd(), POLLIN, 0};
+        if (poll(&answered, 1, 0) == 1 || !connection.send(step.bytes)) break;
         usleep(step.pause_ms * 1000);
       }
       char first = 0;
@@ -114,11 +91,9 @@ class HandlerTest : public testing::Test {
     return names;
   }
 
-  std::string root_;
-  std::filesystem::path previous_;
+  Daemon dir_;  // never started
   socket_record listener_{};
   uint16_t port_ = 0;
-  appsrv_limits saved_{};
   int64_t handled_ms_ = 0;
 };
 
@@ -126,7 +101,7 @@ class HandlerTest : public testing::Test {
 
 TEST_F(HandlerTest, TheStoredImageIsTheUploadByteForByte) {
   for (size_t size : {size_t{0}, size_t{1}, appsrv_image_chunk, appsrv_image_chunk + 1, 3 * appsrv_image_chunk + 5}) {
-    const std::string name = "size " + std::to_string(size), image = image_of(size);
+    const std::string name = "size " + std::to_string(size), image = patterned_image(size);
     ASSERT_EQ(upload(name, image), "deployed " + name);
     EXPECT_EQ(read_file("data/" + std::string(stackman_get(name.c_str())->key) + "/serv/image"), image) << size;
   }
@@ -141,7 +116,7 @@ TEST_F(HandlerTest, AFullDiskFailsTheUploadAfterTheNameChecksAndLeavesNothing) {
   limited = {appsrv_image_chunk * 3 / 2, saved.rlim_max};
   sighandler_t handler = signal(SIGXFSZ, SIG_IGN);
   setrlimit(RLIMIT_FSIZE, &limited);
-  const std::string image = image_of(3 * appsrv_image_chunk);
+  const std::string image = patterned_image(3 * appsrv_image_chunk);
   const struct {
     const char *name, *reason;
   } cases[] = {{"new", "store image"}, {"", "invalid name"}, {"taken", "duplicate name"}};
@@ -154,9 +129,8 @@ TEST_F(HandlerTest, AFullDiskFailsTheUploadAfterTheNameChecksAndLeavesNothing) {
 }
 
 TEST_F(HandlerTest, SlowClientsAreCutOffAndLeaveNothing) {
-  const std::string request = upload_bytes("slow", image_of(640 << 10));
-  const std::string frame_bytes = frame(encode_upload("slow", 640 << 10));
-  const std::string image = request.substr(frame_bytes.size());
+  const std::string frame_bytes = frame(encode_upload("slow", 640 << 10)), image = patterned_image(640 << 10);
+  const std::string request = frame_bytes + image;
   // Limits: the frame within 1 s, no receive silent for 1 s, and 64 KiB in
   // every 2 s of the image.
   const struct {

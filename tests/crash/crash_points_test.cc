@@ -28,7 +28,6 @@ void make_store(Daemon& daemon, const std::string& directory, const Names& files
 
 TEST(CrashPoints, StartUpRemovesWhatCrashesLeftAndKeepsTheRest) {
   Daemon daemon;
-  daemon.behave("default", "marker");
   const std::string k1 = key_of('1'), k2 = key_of('2'), k3 = key_of('3'), k4 = key_of('4'), k5 = key_of('5');
   // A complete stack, with its scratch directory.
   make_store(daemon, "data/" + k1, {"name", "kept", "image", "image one", "deployed", ""});
@@ -68,30 +67,11 @@ TEST(CrashPoints, StartUpRemovesWhatCrashesLeftAndKeepsTheRest) {
   EXPECT_EQ(greeting(daemon.port(), frame(encode_rename("kept", "kept too"))), "hello kept too");
 }
 
-TEST(CrashPoints, NormalWorkLeavesNoHiddenEntryAndTheSameLayout) {
-  Daemon daemon;
-  daemon.behave("default", "marker");
-  ASSERT_TRUE(daemon.start()) << daemon.err();
-  ASSERT_EQ(greeting(daemon.port(), upload_bytes("one", std::string(100000, 'i'))), "deployed one");
-  ASSERT_EQ(greeting(daemon.port(), upload_bytes("two", "2")), "deployed two");
-  ASSERT_TRUE(daemon.wait_ready("one"));
-  ASSERT_EQ(greeting(daemon.port(), frame(encode_rename("one", "uno"))), "hello uno");
-  ASSERT_EQ(ask(daemon.port(), encode_delete("two")), "success");
-
-  std::string key = daemon.key_of("uno");
-  EXPECT_EQ(entries(daemon.path("data")), (Names{key}));
-  EXPECT_EQ(entries(daemon.path("stacks")), (Names{key}));
-  EXPECT_EQ(entries(daemon.path("data/" + key)), (Names{"serv"}));
-  EXPECT_EQ(entries(daemon.path("data/" + key + "/serv")), (Names{"deployed", "image", "name"}));
-}
-
 // Killed while it stores a 64 MiB upload, at several moments: the daemon
 // comes up again each time, with the stack whole or not there at all.
 TEST(CrashPoints, KilledDuringA64MiBUploadComesBackWholeOrWithout) {
   Daemon daemon;
-  daemon.behave("default", "marker");
-  std::string image(64 << 20, '\0');
-  for (size_t i = 0; i < image.size(); i += 4096) image[i] = static_cast<char>(i / 4096);
+  const std::string image = patterned_image(64 << 20);
   signal(SIGPIPE, SIG_IGN);
   for (int delay_ms : {0, 40, 120, 250, 500, 900}) {
     ASSERT_TRUE(daemon.start()) << daemon.err();

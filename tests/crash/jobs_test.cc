@@ -108,7 +108,6 @@ TEST(Orphans, AKilledDaemonsStacksAreStoppedBeforeTheirSuccessorsStart) {
 
 TEST(Orphans, ASecondDaemonInTheSameDirectoryExitsAndChangesNothing) {
   Daemon daemon;
-  daemon.behave("default", "marker");
   ASSERT_TRUE(daemon.start()) << daemon.err();
   ASSERT_EQ(greeting(daemon.port(), upload_bytes("app", "image")), "deployed app");
   ASSERT_TRUE(daemon.wait_ready("app"));

@@ -162,4 +162,10 @@ std::string upload_bytes(const std::string& name, const std::string& image) {
   return frame(encode_upload(name, static_cast<int64_t>(image.size()))) + image;
 }
 
+std::string patterned_image(size_t size) {
+  std::string image(size, '\0');
+  for (size_t i = 0; i < size; ++i) image[i] = static_cast<char>(i * 7 + i / 4093);
+  return image;
+}
+
 }  // namespace e2e

@@ -16,6 +16,8 @@ std::string encode_select(const std::string& name);
 std::string encode_upload(const std::string& name, int64_t image_size);
 std::string frame(const std::string& payload);  // the big-endian length word and the payload
 std::string upload_bytes(const std::string& name, const std::string& image);  // framed request, then image
+// `size` bytes in which a run of bytes out of its place shows.
+std::string patterned_image(size_t size);
 
 // A connection to the daemon; every read gives up after `timeout_seconds`.
 class Connection {

@@ -77,6 +77,7 @@ Daemon::Daemon(const char* bootstrap) {
   dir_ = pattern;
   for (const char* directory : {"runenv/image", "runenv/test-control", "data"}) make_tree(path(directory));
   if (symlink(bootstrap, path("runenv/image/application-server-bootstrap").c_str()) != 0) abort();
+  behave("default", "marker");
 }
 
 Daemon::~Daemon() {

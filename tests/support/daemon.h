@@ -29,7 +29,9 @@ uint16_t free_port();
 
 class Daemon {
  public:
-  // Prepares runenv, with `bootstrap` as every stack's program, and data.
+  // Prepares runenv, with `bootstrap` as every stack's program, and data. The
+  // test bootstrap's stacks complete their deployment ("marker") unless
+  // behave() tells them otherwise.
   explicit Daemon(const char* bootstrap = TEST_BOOTSTRAP);
   ~Daemon();  // kills what is left and removes the directory
 
