@@ -9,95 +9,73 @@
 
 namespace {
 
-// Parses the words after the program name.
-// The variables are APPSRV_ADDRESS, APPSRV_SSH and APPSRV_WORKDIR.
-ctl_options parse(std::vector<std::string> words, const char* address = nullptr, const char* ssh = nullptr,
-                  const char* workdir = nullptr) {
-  static std::vector<std::string> storage;  // the operands point into it until the next call
-  storage = std::move(words);
-  storage.insert(storage.begin(), "appsrvctl");
+// What ctl_parse made of the words after the program name: the usage error,
+// or the action, the command with its operands, where the daemon is and the
+// options that differ from their defaults.
+std::string parsed(std::vector<std::string> words, const ctl_environment& environment) {
+  words.insert(words.begin(), "appsrvctl");
   std::vector<char*> argv;
-  for (std::string& word : storage) argv.push_back(word.data());
-  ctl_options options;
-  ctl_parse(static_cast<int>(argv.size()), argv.data(), ctl_environment{address, ssh, workdir}, &options);
-  return options;
+  for (std::string& word : words) argv.push_back(word.data());
+  ctl_options o;
+  if (ctl_parse(static_cast<int>(argv.size()), argv.data(), environment, &o) == CTL_USAGE) return o.error;
+  std::string text = o.action == CTL_HELP ? "help " : o.action == CTL_VERSION ? "version " : "";
+  text += ctl_command_name(o.command);
+  for (const char* operand : o.operands) text += std::string(" ") + operand;
+  if (o.action != CTL_RUN) return text;
+  text += std::string(" at ") + o.address.display + " in " + o.workdir + (o.workdir_given ? " (given)" : "");
+  if (o.address.ssh.destination[0] != '\0')
+    text += std::string(" ssh ") + o.address.ssh.destination + " port '" + o.address.ssh.port + "'";
+  if (o.timeout_ms != ctl_default_timeout_ms) text += " timeout " + std::to_string(o.timeout_ms);
+  if (o.lines != ctl_default_lines) text += " lines " + std::to_string(o.lines);
+  return text + (o.force ? " force" : "") + (o.follow ? " follow" : "") + (o.json ? " json" : "");
 }
 
-TEST(CtlArgs, OptionsGoBeforeOrAfterTheSubcommandUntilADoubleDash) {
-  ctl_options before = parse({"--address", "10.0.0.1:80", "--timeout=5", "rm", "--force", "--", "--json"});
-  ASSERT_EQ(before.action, CTL_RUN) << before.error;
-  EXPECT_STREQ(before.address.display, "10.0.0.1:80");
-  EXPECT_EQ(before.timeout_ms, 5000u);
-  EXPECT_EQ(before.force, 1);
-  EXPECT_STREQ(before.operands[0], "--json");
-
-  ctl_options after = parse({"rename", "old", "--address=10.0.0.2:81", "new"});
-  ASSERT_EQ(after.action, CTL_RUN) << after.error;
-  EXPECT_STREQ(after.address.display, "10.0.0.2:81");
-  EXPECT_STREQ(after.operands[0], "old");
-  EXPECT_STREQ(after.operands[1], "new");
-}
-
-TEST(CtlArgs, UsageErrorsNameWhatIsWrong) {
-  for (const auto& [words, error] : std::vector<std::pair<std::vector<std::string>, const char*>>{
+TEST(CtlArgs, CommandLinesAndTheVariablesTheyMeet) {
+  struct Row {
+    std::vector<std::string> words;
+    std::string parsed;
+    const char* address = nullptr;  // APPSRV_ADDRESS
+    const char* ssh = nullptr;  // APPSRV_SSH
+    const char* workdir = nullptr;  // APPSRV_WORKDIR
+  };
+  const char* here = " at 127.0.0.1:7340 in /var/lib/appsrv";
+  for (const Row& row : std::vector<Row>{
+           // Options go before or after the subcommand, until a double dash.
+           {{"--address", "10.0.0.1:80", "--timeout=5", "rm", "--force", "--", "--json"},
+            "delete --json at 10.0.0.1:80 in /var/lib/appsrv timeout 5000 force"},
+           {{"rename", "old", "--address=10.0.0.2:81", "new"}, "rename old new at 10.0.0.2:81 in /var/lib/appsrv"},
+           // Help and version win over missing operands.
+           {{"-h", "upload"}, "help upload"},
+           {{"--version"}, "version appsrvctl"},
+           // The address: the flag, then the variable (an empty one is unset), then the default.
+           {{"ls", "--address", "10.1.1.1:1"}, "list at 10.1.1.1:1 in /var/lib/appsrv", "10.2.2.2:2"},
+           {{"ls"}, std::string("list") + here, ""},
+           {{"ls"}, "invalid APPSRV_ADDRESS 'nonsense': missing port (HOST:PORT)", "nonsense"},
+           {{"ls", "--address", "10.1.1.1:1"}, "list at 10.1.1.1:1 in /var/lib/appsrv", "nonsense"},
+           // The SSH host and the working directory likewise; only a --workdir is passed on to the SSH host.
+           {{"status", "--ssh", "ops@web1:2222", "--workdir", "/srv/flag"},
+            "status at 127.0.0.1:7340 via ops@web1:2222 in /srv/flag (given) ssh ops@web1 port '2222'", nullptr, "env",
+            "/srv/env"},
+           {{"logs", "-n5", "-f", "app"}, "logs app at 127.0.0.1:7340 via env-host in /srv/env ssh env-host port '' lines 5 follow",
+            nullptr, "env-host", "/srv/env"},
+           {{"metrics"}, std::string("metrics") + here},
+           // Usage errors name what is wrong.
            {{}, "missing command"},
            {{"frobnicate"}, "unknown command 'frobnicate'"},
            {{"list", "--verbose"}, "unknown option '--verbose'"},
            {{"upload", "n"}, "missing arguments for upload"},
+           {{"logs"}, "missing arguments for logs"},
            {{"delete", "a", "b"}, "too many arguments for delete"},
+           {{"metrics", "x"}, "too many arguments for metrics"},
            {{"delete", "--json", "a"}, "--json applies to list and status only"},
            {{"list", "--service"}, "--service applies to upload only"},
-           {{"list", "--address"}, "option --address needs HOST:PORT"},
-           {{"list", "--timeout", "0"}, "invalid --timeout '0': give positive seconds up to 2147483"},
-       }) {
-    ctl_options options = parse(words);
-    EXPECT_EQ(options.action, CTL_USAGE) << error;
-    EXPECT_STREQ(options.error, error);
-  }
-}
-
-TEST(CtlArgs, HelpAndVersionWinOverMissingOperands) {
-  ctl_options upload = parse({"-h", "upload"});
-  EXPECT_EQ(upload.action, CTL_HELP);
-  EXPECT_EQ(upload.command, CTL_UPLOAD);
-  EXPECT_EQ(parse({"--version"}).action, CTL_VERSION);
-  EXPECT_EQ(std::string(ctl_help_text(CTL_SELECT)).rfind(ctl_usage_line(CTL_SELECT), 0), 0u)
-      << "a command's help opens with its usage line";
-}
-
-TEST(CtlArgs, AddressComesFromFlagThenEnvironmentThenDefault) {
-  EXPECT_STREQ(parse({"ls", "--address", "10.1.1.1:1"}, "10.2.2.2:2").address.display, "10.1.1.1:1");
-  EXPECT_STREQ(parse({"ls"}, "").address.display, "127.0.0.1:7340") << "an empty variable is unset";
-  EXPECT_STREQ(parse({"ls"}).address.display, "127.0.0.1:7340");
-  EXPECT_STREQ(parse({"ls"}, "nonsense").error, "invalid APPSRV_ADDRESS 'nonsense': missing port (HOST:PORT)");
-  EXPECT_EQ(parse({"ls", "--address", "10.1.1.1:1"}, "nonsense").action, CTL_RUN)
-      << "a flag makes a broken variable irrelevant";
-}
-
-TEST(CtlArgs, SshHostAndWorkdirComeFromFlagThenEnvironmentAndApplyWhereTheyMean) {
-  ctl_options flags = parse({"status", "--ssh", "ops@web1:2222", "--workdir", "/srv/flag"}, nullptr, "env", "/srv/env");
-  ASSERT_EQ(flags.action, CTL_RUN) << flags.error;
-  EXPECT_STREQ(flags.address.ssh.destination, "ops@web1");
-  EXPECT_STREQ(flags.address.ssh.port, "2222");
-  EXPECT_STREQ(flags.address.display, "127.0.0.1:7340 via ops@web1:2222");
-  EXPECT_STREQ(flags.workdir, "/srv/flag");
-  EXPECT_EQ(flags.workdir_given, 1);
-  ctl_options variables = parse({"logs", "-n5", "-f", "app"}, nullptr, "env-host", "/srv/env");
-  EXPECT_STREQ(variables.address.ssh.destination, "env-host");
-  EXPECT_STREQ(variables.workdir, "/srv/env");
-  EXPECT_EQ(variables.workdir_given, 0) << "only a flag is passed on to the SSH host";
-  EXPECT_EQ(variables.lines, 5u);
-  EXPECT_STREQ(parse({"metrics"}).workdir, "/var/lib/appsrv");
-  EXPECT_STREQ(parse({"ls"}).address.ssh.destination, "");
-
-  for (auto [words, error] : std::vector<std::pair<std::vector<std::string>, const char*>>{
            {{"ls", "--workdir", "/x"}, "--workdir applies to status, logs and metrics only"},
            {{"status", "-f"}, "-n and -f apply to logs only"},
+           {{"list", "--address"}, "option --address needs HOST:PORT"},
+           {{"list", "--timeout", "0"}, "invalid --timeout '0': give positive seconds up to 2147483"},
            {{"logs", "-n", "ten", "app"}, "invalid -n 'ten': give a number of lines"},
-           {{"logs"}, "missing arguments for logs"},
-           {{"metrics", "x"}, "too many arguments for metrics"},
        }) {
-    EXPECT_STREQ(parse(words).error, error);
+    EXPECT_EQ(parsed(row.words, {row.address, row.ssh, row.workdir}), row.parsed);
   }
 }
 

@@ -5,15 +5,13 @@
 #include <gtest/gtest.h>
 
 #include <csignal>
+#include <cstdio>
 #include <cstdlib>
-#include <fcntl.h>
 #include <fstream>
 #include <functional>
 #include <nlohmann/json.hpp>
 #include <regex>
 #include <string>
-#include <sys/wait.h>
-#include <unistd.h>
 #include <vector>
 
 #include "tests/support/ctl.h"
@@ -25,22 +23,15 @@ namespace {
 
 const std::string kExample = std::string(APPSRV_SOURCE_DIR) + "/examples/hello.sh";
 
-std::string hex(const std::string& bytes) {
-  static const char digits[] = "0123456789abcdef";
-  std::string text;
-  for (unsigned char c : bytes) text += {digits[c >> 4], digits[c & 15]};
-  return text;
-}
-
 json snapshot_of(const Daemon& daemon) {
   return json::parse(read_file(daemon.path("private/status.json")), nullptr, false);
 }
 
-// The stack with that name in the snapshot, or null.
+// The stack the snapshot shows with that name (invalid UTF-8 replaced), or null.
 json stack_in(const json& snapshot, const std::string& name) {
   if (!snapshot.is_object()) return nullptr;
   for (const json& stack : snapshot["stacks"])
-    if (stack["name_hex"] == hex(name)) return stack;
+    if (stack["name"] == name) return stack;
   return nullptr;
 }
 
@@ -76,7 +67,7 @@ TEST(Snapshot, FollowsStacksThroughUploadKillSelectRenameAndDelete) {
     std::string what;
     std::function<std::string()> act;  // the reply it got
     std::string reply;
-    std::string name;  // the stack to look at
+    std::string name;  // the stack to look at, as the snapshot shows its name
     json stack;  // what it shows of it (null: no such stack)
     json counters;  // an object
   } steps[] = {
@@ -98,8 +89,8 @@ TEST(Snapshot, FollowsStacksThroughUploadKillSelectRenameAndDelete) {
        "failure: invalid image: neither an ELF program nor a \"#!\" script",
        "text", nullptr, {{"uploads", 3}, {"deploy_failures", 2}}},
       {"delete", [&] { return ask(port, encode_delete("b")); }, "success", "b", nullptr, {{"deletes", 1}}},
-      {"a name that is not UTF-8", [&] { return upload(port, odd, image); }, "success", odd,
-       {{"name", "\xef\xbf\xbd\x01\"ok\xc3\xa9"}, {"name_hex", "ff01226f6bc3a9"}, {"state", "running"}},
+      {"a name that is not UTF-8", [&] { return upload(port, odd, image); }, "success", "\xef\xbf\xbd\x01\"ok\xc3\xa9",
+       {{"name_hex", "ff01226f6bc3a9"}, {"state", "running"}},
        {{"connections", 8}, {"uploads", 4}, {"deletes", 1}, {"renames", 1}, {"selects", 1}}},
   };
   for (Step& step : steps) {
@@ -150,21 +141,6 @@ class Operator : public testing::Test {
   Daemon daemon_;
 };
 
-// Starts appsrvctl with its standard output in `out`; the caller waits.
-pid_t start_appsrvctl(const Daemon& daemon, std::vector<std::string> arguments, const std::string& out) {
-  pid_t pid = fork();
-  if (pid == 0) {
-    dup2(open(out.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644), 1);
-    setenv("APPSRV_WORKDIR", daemon.path("").c_str(), 1);
-    std::vector<char*> argv = {const_cast<char*>(APPSRVCTL_BINARY)};
-    for (std::string& argument : arguments) argv.push_back(argument.data());
-    argv.push_back(nullptr);
-    execv(argv[0], argv.data());
-    _exit(127);
-  }
-  return pid;
-}
-
 // Each sample as the parser reads it: "name{label="value",...} value", the
 // labels sorted, their values as JSON strings.
 const char kParse[] = R"(
@@ -203,11 +179,10 @@ TEST_F(Operator, StatusShowsStatesPidsUptimesAndRestartsWithWhatTheRuntimeReport
 
 TEST_F(Operator, MetricsAreReadByARealParser) {
   write_file(daemon_.path("metrics.txt"), appsrvctl(daemon_, {"metrics"}).out);
-  write_file(daemon_.path("parse.py"), kParse);
-  int status = system(("/usr/bin/python3 " + daemon_.path("parse.py") + " <" + daemon_.path("metrics.txt") + " >" +
-                       daemon_.path("samples.txt") + " 2>&1")
-                          .c_str());
-  std::string samples = read_file(daemon_.path("samples.txt"));
+  std::string samples = daemon_.path("samples.txt");
+  int status = system(("/usr/bin/python3 -c '" + std::string(kParse) + "' <" + daemon_.path("metrics.txt") + " >" +
+                       samples + " 2>&1").c_str());
+  samples = read_file(samples);
   ASSERT_EQ(status, 0) << samples;
   std::string svc = "key=\"" + daemon_.key_of("svc") + "\",name=\"svc\"";
   std::string web = "key=\"" + daemon_.key_of(kWeb) + "\",name=\"we\\\"b\\\\\"";
@@ -229,19 +204,16 @@ TEST_F(Operator, LogsReachBackIntoTheRotatedFileAndFollowAcrossRotations) {
   EXPECT_EQ(appsrvctl(daemon_, {"logs", "svc"}).out, "p1\np2\np3\nc1\nc2\n") << "ten lines by default";
   EXPECT_EQ(appsrvctl(daemon_, {"logs", "nope"}).status, 3);
 
-  std::string out = daemon_.path("follow.out");
-  pid_t follower = start_appsrvctl(daemon_, {"logs", "-f", "-n", "1", "svc"}, out);
-  ASSERT_TRUE(eventually([&] { return read_file(out) == "c2\n"; })) << read_file(out);
+  Ctl follower({"logs", "-f", "-n", "1", "svc"}, reaching(daemon_));
+  ASSERT_TRUE(eventually([&] { return follower.out() == "c2\n"; })) << follower.out();
   std::ofstream(log + "current", std::ios::app) << "c3\n";
   ASSERT_EQ(rename((log + "current").c_str(), (log + "previous").c_str()), 0);
   write_file(log + "current", "n1\n");
-  EXPECT_TRUE(eventually([&] { return read_file(out) == "c2\nc3\nn1\n"; })) << read_file(out);
+  EXPECT_TRUE(eventually([&] { return follower.out() == "c2\nc3\nn1\n"; })) << follower.out();
   std::ofstream(log + "current", std::ios::app) << "n2\n";
-  EXPECT_TRUE(eventually([&] { return read_file(out) == "c2\nc3\nn1\nn2\n"; })) << read_file(out);
-  kill(follower, SIGINT);
-  int status = -1;
-  EXPECT_TRUE(eventually([&] { return waitpid(follower, &status, WNOHANG) == follower; }));
-  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+  EXPECT_TRUE(eventually([&] { return follower.out() == "c2\nc3\nn1\nn2\n"; })) << follower.out();
+  follower.signal(SIGINT);
+  EXPECT_EQ(follower.wait().status, 0);
 }
 
 TEST_F(Operator, ASnapshotWhoseDaemonIsGoneIsNeverShownAsLive) {
