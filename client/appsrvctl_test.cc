@@ -101,16 +101,10 @@ struct FakeDaemon {
 
   void serve(const std::pair<std::string, int64_t>& request, const Reply& reply, std::string* log, std::string* image) {
     if (log != nullptr) *log += (log->empty() ? "" : "; ") + request.first;
-    uint64_t size = static_cast<uint64_t>(request.second);
-    bool refused = size > 0 && reply.kind == kFailure;
-    std::string bytes;
-    char buffer[65536];
-    while (!refused && bytes.size() < size) {
-      uint64_t count = std::min<uint64_t>(sizeof buffer, size - bytes.size());
-      if (!socket_is_alive(&connection) || socket_raw_recv(&connection, buffer, &count) != 0) break;
-      bytes.append(buffer, count);
-    }
-    if (image != nullptr && size > 0) *image = bytes;
+    bool refused = request.second > 0 && reply.kind == kFailure;
+    std::string bytes(refused ? 0 : static_cast<size_t>(request.second), '\0');
+    ssize_t got = bytes.empty() ? 0 : recv(connection.descriptor, bytes.data(), bytes.size(), MSG_WAITALL);
+    if (image != nullptr && request.second > 0) *image = bytes.substr(0, got > 0 ? size_t(got) : 0);
     if (reply.kind != kNothing) send_reply(&connection, reply);
     if (refused || reply.kind == kNothing) usleep(1000000);
   }

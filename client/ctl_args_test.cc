@@ -38,7 +38,9 @@ TEST(CtlArgs, CommandLinesAndTheVariablesTheyMeet) {
     const char* ssh = nullptr;  // APPSRV_SSH
     const char* workdir = nullptr;  // APPSRV_WORKDIR
   };
-  const char* here = " at 127.0.0.1:7340 in /var/lib/appsrv";
+  const std::string at = " at 127.0.0.1:7340", in = " in /var/lib/appsrv", port = "the port must be a number from 1 to 65535",
+                    brackets = "an IPv6 address needs brackets, as in [::1]:",
+                    unsafe = "give [USER@]HOST[:PORT] without spaces, control characters or a leading '-'";
   for (const Row& row : std::vector<Row>{
            // Options go before or after the subcommand, until a double dash.
            {{"--address", "10.0.0.1:80", "--timeout=5", "rm", "--force", "--", "--json"},
@@ -49,7 +51,7 @@ TEST(CtlArgs, CommandLinesAndTheVariablesTheyMeet) {
            {{"--version"}, "version appsrvctl"},
            // The address: the flag, then the variable (an empty one is unset), then the default.
            {{"ls", "--address", "10.1.1.1:1"}, "list at 10.1.1.1:1 in /var/lib/appsrv", "10.2.2.2:2"},
-           {{"ls"}, std::string("list") + here, ""},
+           {{"ls"}, "list" + at + in, ""},
            {{"ls"}, "invalid APPSRV_ADDRESS 'nonsense': missing port (HOST:PORT)", "nonsense"},
            {{"ls", "--address", "10.1.1.1:1"}, "list at 10.1.1.1:1 in /var/lib/appsrv", "nonsense"},
            // The SSH host and the working directory likewise; only a --workdir is passed on to the SSH host.
@@ -58,15 +60,13 @@ TEST(CtlArgs, CommandLinesAndTheVariablesTheyMeet) {
             "/srv/env"},
            {{"logs", "-n5", "-f", "app"}, "logs app at 127.0.0.1:7340 via env-host in /srv/env ssh env-host port '' lines 5 follow",
             nullptr, "env-host", "/srv/env"},
-           {{"metrics"}, std::string("metrics") + here},
+           {{"metrics"}, "metrics" + at + in},
            // Usage errors name what is wrong.
            {{}, "missing command"},
            {{"frobnicate"}, "unknown command 'frobnicate'"},
            {{"list", "--verbose"}, "unknown option '--verbose'"},
            {{"upload", "n"}, "missing arguments for upload"},
-           {{"logs"}, "missing arguments for logs"},
            {{"delete", "a", "b"}, "too many arguments for delete"},
-           {{"metrics", "x"}, "too many arguments for metrics"},
            {{"delete", "--json", "a"}, "--json applies to list and status only"},
            {{"list", "--service"}, "--service applies to upload only"},
            {{"ls", "--workdir", "/x"}, "--workdir applies to status, logs and metrics only"},
@@ -74,54 +74,32 @@ TEST(CtlArgs, CommandLinesAndTheVariablesTheyMeet) {
            {{"list", "--address"}, "option --address needs HOST:PORT"},
            {{"list", "--timeout", "0"}, "invalid --timeout '0': give positive seconds up to 2147483"},
            {{"logs", "-n", "ten", "app"}, "invalid -n 'ten': give a number of lines"},
+           // Addresses are numeric, IPv6 in brackets, ports up to 65535.
+           {{"ls", "--address", "[::1]:7340"}, "list at [::1]:7340 in /var/lib/appsrv"},
+           {{"ls", "--address", "192.168.0.9:08080"}, "list at 192.168.0.9:8080 in /var/lib/appsrv"},
+           {{"ls", "--address", "::1:7340"}, "invalid --address '::1:7340': " + brackets + "7340"},
+           {{"ls", "--address", "[::1]7340"}, "invalid --address '[::1]7340': missing port after ']'"},
+           {{"ls", "--address", "[::1:7340"}, "invalid --address '[::1:7340': missing ']' after the IPv6 address"},
+           {{"ls", "--address", "localhost:7340"}, "invalid --address 'localhost:7340': the host must be a numeric address"},
+           {{"ls", "--address", "127.0.0.1"}, "invalid --address '127.0.0.1': missing port (HOST:PORT)"},
+           {{"ls", "--address", "127.0.0.1:0"}, "invalid --address '127.0.0.1:0': " + port},
+           {{"ls", "--address", "127.0.0.1:65536"}, "invalid --address '127.0.0.1:65536': " + port},
+           {{"ls", "--address", "127.0.0.1:065535"}, "invalid --address '127.0.0.1:065535': " + port},
+           {{"ls", "--address", "127.0.0.1:http"}, "invalid --address '127.0.0.1:http': " + port},
+           // SSH hosts take a user, a port and IPv6 in brackets, but nothing ssh would read as an option.
+           {{"ls", "--ssh", "root@10.0.0.5:22"}, "list" + at + " via root@10.0.0.5:22" + in + " ssh root@10.0.0.5 port '22'"},
+           {{"ls", "--ssh", "[::1]:2222"}, "list" + at + " via [::1]:2222" + in + " ssh ::1 port '2222'"},
+           {{"ls", "--ssh", "me@[fe80::1]"}, "list" + at + " via me@[fe80::1]" + in + " ssh me@fe80::1 port ''"},
+           {{"ls", "--ssh", "-oProxyCommand=x"}, "invalid --ssh '-oProxyCommand=x': " + unsafe},
+           {{"ls", "--ssh", "-l@host"}, "invalid --ssh '-l@host': " + unsafe},
+           {{"ls", "--ssh", "a b"}, "invalid --ssh 'a b': " + unsafe},
+           {{"ls", "--ssh", "user@"}, "invalid --ssh 'user@': " + unsafe},
+           {{"ls", "--ssh", ""}, "invalid --ssh '': " + unsafe},
+           {{"ls", "--ssh", "host:"}, "invalid --ssh 'host:': " + port},
+           {{"ls", "--ssh", "::1"}, "invalid --ssh '::1': " + brackets + "22"},
+           {{"ls", "--ssh", "[::1]x"}, "invalid --ssh '[::1]x': only :PORT may follow ']'"},
        }) {
     EXPECT_EQ(parsed(row.words, {row.address, row.ssh, row.workdir}), row.parsed);
-  }
-}
-
-TEST(CtlArgs, SshHostsTakeAUserAPortAndIpv6InBracketsButNothingSshWouldReadAsAnOption) {
-  ctl_ssh_host ssh;
-  char error[160];
-  for (auto [text, destination, port] : std::vector<std::tuple<const char*, const char*, const char*>>{
-           {"web1", "web1", ""}, {"root@10.0.0.5:22", "root@10.0.0.5", "22"}, {"[::1]:2222", "::1", "2222"},
-           {"me@[fe80::1]", "me@fe80::1", ""}}) {
-    ASSERT_EQ(ctl_parse_ssh_host(text, &ssh, error, sizeof error), 0) << text << ": " << error;
-    EXPECT_STREQ(ssh.destination, destination);
-    EXPECT_STREQ(ssh.port, port);
-    EXPECT_STREQ(ssh.display, text);
-  }
-  const char* unsafe = "give [USER@]HOST[:PORT] without spaces, control characters or a leading '-'";
-  for (auto [text, reason] : std::vector<std::pair<const char*, const char*>>{
-           {"-oProxyCommand=x", unsafe}, {"-l@host", unsafe}, {"a b", unsafe}, {"", unsafe}, {"user@", unsafe},
-           {"host:", "the port must be a number from 1 to 65535"}, {"::1", "an IPv6 address needs brackets, as in [::1]:22"},
-           {"[::1]x", "only :PORT may follow ']'"}}) {
-    EXPECT_EQ(ctl_parse_ssh_host(text, &ssh, error, sizeof error), -1) << text;
-    EXPECT_STREQ(error, reason) << text;
-  }
-}
-
-TEST(CtlArgs, AddressesAreNumericWithIpv6InBracketsAndPortsUpTo65535) {
-  ctl_address address;
-  char error[128];
-  ASSERT_EQ(ctl_parse_address("[::1]:7340", &address, error, sizeof error), 0) << error;
-  EXPECT_STREQ(address.host, "::1");
-  EXPECT_STREQ(address.display, "[::1]:7340");
-  ASSERT_EQ(ctl_parse_address("192.168.0.9:08080", &address, error, sizeof error), 0) << error;
-  EXPECT_STREQ(address.port, "8080");
-  const char* bad_port = "the port must be a number from 1 to 65535";
-  for (auto [text, reason] : std::vector<std::pair<const char*, const char*>>{
-           {"::1:7340", "an IPv6 address needs brackets, as in [::1]:7340"},
-           {"[::1]7340", "missing port after ']'"},
-           {"[::1:7340", "missing ']' after the IPv6 address"},
-           {"localhost:7340", "the host must be a numeric address"},
-           {"127.0.0.1", "missing port (HOST:PORT)"},
-           {"127.0.0.1:0", bad_port},
-           {"127.0.0.1:65536", bad_port},
-           {"127.0.0.1:065535", bad_port},
-           {"127.0.0.1:http", bad_port},
-       }) {
-    EXPECT_EQ(ctl_parse_address(text, &address, error, sizeof error), -1) << text;
-    EXPECT_STREQ(error, reason) << text;
   }
 }
 

@@ -21,8 +21,6 @@ using json = nlohmann::json;
 
 namespace {
 
-const std::string kExample = std::string(APPSRV_SOURCE_DIR) + "/examples/hello.sh";
-
 json snapshot_of(const Daemon& daemon) {
   return json::parse(read_file(daemon.path("private/status.json")), nullptr, false);
 }
@@ -44,24 +42,21 @@ bool has(const json& actual, const json& expected) {
   return true;
 }
 
-std::string upload(uint16_t port, const std::string& name, const std::string& image) {
-  Connection connection(port);
-  connection.send(upload_bytes(name, image));
-  return connection.reply();
-}
-
 }  // namespace
 
 TEST(Snapshot, FollowsStacksThroughUploadKillSelectRenameAndDelete) {
   Daemon daemon{APPSRV_RUNTIME};
   ASSERT_TRUE(daemon.start()) << daemon.err();
   uint16_t port = daemon.port();
+  auto upload = [&](const std::string& name, const std::string& image) {
+    Connection connection(port);
+    return connection.send(upload_bytes(name, image)) ? connection.reply() : "";
+  };
   json first = snapshot_of(daemon);
   EXPECT_TRUE(has(first["daemon"], {{"pid", daemon.pid()}, {"address", "127.0.0.1"}, {"port", port}, {"phase", "normal"}}))
       << first.dump();
 
-  const std::string image = read_file(kExample);
-  const std::string odd = "\xff\x01\"ok\xc3\xa9";
+  const std::string image = read_file(std::string(APPSRV_SOURCE_DIR) + "/examples/hello.sh");
   auto pid_of = [&](const std::string& name) { return stack_in(snapshot_of(daemon), name)["pid"].get<pid_t>(); };
   struct Step {
     std::string what;
@@ -71,7 +66,7 @@ TEST(Snapshot, FollowsStacksThroughUploadKillSelectRenameAndDelete) {
     json stack;  // what it shows of it (null: no such stack)
     json counters;  // an object
   } steps[] = {
-      {"upload", [&] { return upload(port, "app", image); }, "success", "app",
+      {"upload", [&] { return upload("app", image); }, "success", "app",
        {{"state", "running"}, {"deployed", true}, {"image_bytes", image.size()}, {"starts", 1}, {"exits", 0},
         {"last_exit", nullptr}},
        {{"connections", 2}, {"uploads", 1}, {"deploy_failures", 0}}},
@@ -83,14 +78,14 @@ TEST(Snapshot, FollowsStacksThroughUploadKillSelectRenameAndDelete) {
        "app", {{"state", "running"}, {"starts", 2}, {"exits", 1}}, {{"selects", 1}}},
       {"rename", [&] { return ask(port, encode_rename("app", "b")); }, "upgrade", "b",
        {{"state", "running"}, {"starts", 2}}, {{"renames", 1}}},
-      {"upload under a taken name", [&] { return upload(port, "b", image); }, "failure: duplicate name", "b",
+      {"upload under a taken name", [&] { return upload("b", image); }, "failure: duplicate name", "b",
        {{"starts", 2}}, {{"uploads", 2}, {"deploy_failures", 1}}},
-      {"upload the runtime refuses", [&] { return upload(port, "text", "just text\n"); },
+      {"upload the runtime refuses", [&] { return upload("text", "just text\n"); },
        "failure: invalid image: neither an ELF program nor a \"#!\" script",
        "text", nullptr, {{"uploads", 3}, {"deploy_failures", 2}}},
       {"delete", [&] { return ask(port, encode_delete("b")); }, "success", "b", nullptr, {{"deletes", 1}}},
-      {"a name that is not UTF-8", [&] { return upload(port, odd, image); }, "success", "\xef\xbf\xbd\x01\"ok\xc3\xa9",
-       {{"name_hex", "ff01226f6bc3a9"}, {"state", "running"}},
+      {"a name that is not UTF-8", [&] { return upload("\xff\x01\"ok\xc3\xa9", image); }, "success",
+       "\xef\xbf\xbd\x01\"ok\xc3\xa9", {{"name_hex", "ff01226f6bc3a9"}, {"state", "running"}},
        {{"connections", 8}, {"uploads", 4}, {"deletes", 1}, {"renames", 1}, {"selects", 1}}},
   };
   for (Step& step : steps) {
@@ -129,7 +124,6 @@ class Operator : public testing::Test {
     write_file(runtime_path(kWeb), R"({"mode": "handler", "service": null, "handlers": 2})");
   }
   std::string runtime_path(const std::string& name) { return daemon_.path("stacks/" + daemon_.key_of(name) + "/runtime.json"); }
-  std::string log_path(const std::string& name) { return daemon_.path("data/" + daemon_.key_of(name) + "/log/"); }
 
   static constexpr const char* kWeb = "we\"b\\";
   const json kServiceRuntime = {
@@ -196,7 +190,7 @@ TEST_F(Operator, MetricsAreReadByARealParser) {
 }
 
 TEST_F(Operator, LogsReachBackIntoTheRotatedFileAndFollowAcrossRotations) {
-  std::string log = log_path("svc");
+  std::string log = daemon_.path("data/" + daemon_.key_of("svc") + "/log/");
   make_tree(log);
   write_file(log + "previous", "p1\np2\np3\n");
   write_file(log + "current", "c1\nc2\n");

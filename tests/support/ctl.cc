@@ -19,11 +19,10 @@ Ctl::Ctl(const std::vector<std::string>& arguments, const Invocation& setup) : t
   std::vector<char*> argv;
   for (std::string& word : words) argv.push_back(word.data());
   argv.push_back(nullptr);
-  int input[2];
-  if (pipe2(input, O_CLOEXEC) != 0) return;
-  files_[0] = input[0];
-  input_ = input[1];
-  if (write(input_, setup.input.data(), setup.input.size()) != static_cast<ssize_t>(setup.input.size())) return;
+  int input[2] = {-1, -1};
+  bool fed = pipe2(input, O_CLOEXEC) == 0 && write(input[1], setup.input.data(), setup.input.size()) >= 0;
+  files_[0] = input[0], input_ = input[1];
+  if (!fed) return;
   for (int stream : {1, 2}) files_[stream] = memfd_create("appsrvctl", MFD_CLOEXEC);
   master_ = terminal_ == 0 ? -1 : posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC);
   if (master_ >= 0 && grantpt(master_) == 0 && unlockpt(master_) == 0) {
@@ -41,10 +40,7 @@ Ctl::Ctl(const std::vector<std::string>& arguments, const Invocation& setup) : t
 }
 
 Ctl::~Ctl() {
-  if (pid_ > 0) {
-    kill(pid_, SIGKILL);
-    waitpid(pid_, nullptr, 0);
-  }
+  if (pid_ > 0 && kill(pid_, SIGKILL) == 0) waitpid(pid_, nullptr, 0);
   for (int fd : {files_[0], files_[1], files_[2], master_, input_})
     if (fd >= 0) close(fd);
 }
@@ -63,8 +59,6 @@ std::string Ctl::read_stream(int stream) const {
   return text;
 }
 
-std::string Ctl::out() const { return read_stream(1); }
-
 Outcome Ctl::wait() {
   if (input_ >= 0) close(std::exchange(input_, -1));
   int status = 0;
@@ -76,16 +70,15 @@ Outcome appsrvctl(const std::vector<std::string>& arguments, const Invocation& s
   return Ctl(arguments, setup).wait();
 }
 
-Invocation reaching(const Daemon& daemon) {
-  return {"", 0, {{"APPSRV_ADDRESS", "127.0.0.1:" + std::to_string(daemon.port())}, {"APPSRV_WORKDIR", daemon.path("")}}};
+Invocation reaching(const Daemon& daemon, const std::string& input, Variables variables) {
+  variables.insert(variables.begin(), {{"APPSRV_ADDRESS", "127.0.0.1:" + std::to_string(daemon.port())},
+                                       {"APPSRV_WORKDIR", daemon.path("")}});
+  return {input, 0, variables};
 }
 
 Outcome appsrvctl(const Daemon& daemon, const std::vector<std::string>& arguments, const std::string& input,
                   const Variables& variables) {
-  Invocation setup = reaching(daemon);
-  setup.input = input;
-  setup.variables.insert(setup.variables.end(), variables.begin(), variables.end());
-  return appsrvctl(arguments, setup);
+  return appsrvctl(arguments, reaching(daemon, input, variables));
 }
 
 }  // namespace e2e

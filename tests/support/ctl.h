@@ -33,7 +33,7 @@ class Ctl {
  public:
   explicit Ctl(const std::vector<std::string>& arguments, const Invocation& setup = {});
   ~Ctl();  // kills it when nobody waited for it
-  std::string out() const;  // its standard output so far (not a terminal)
+  std::string out() const { return read_stream(1); }  // so far (not from a terminal)
   void signal(int number) const { kill(pid_, number); }
   Outcome wait();
 
@@ -44,8 +44,9 @@ class Ctl {
 };
 
 Outcome appsrvctl(const std::vector<std::string>& arguments, const Invocation& setup = {});
-// The daemon's address and working directory in APPSRV_ADDRESS and APPSRV_WORKDIR.
-Invocation reaching(const Daemon& daemon);
+// The daemon's address and working directory in APPSRV_ADDRESS and
+// APPSRV_WORKDIR, then `variables`.
+Invocation reaching(const Daemon& daemon, const std::string& input = "", Variables variables = {});
 Outcome appsrvctl(const Daemon& daemon, const std::vector<std::string>& arguments, const std::string& input = "",
                   const Variables& variables = {});
 
