@@ -10,8 +10,9 @@
 namespace {
 
 // What ctl_parse made of the words after the program name: the usage error,
-// or the action, the command with its operands, where the daemon is and the
-// options that differ from their defaults.
+// or the action, the command with its operands, then where the daemon is and
+// the options where they differ from the defaults (the address and working
+// directory spelled out, as operators know them).
 std::string parsed(std::vector<std::string> words, const ctl_environment& environment) {
   words.insert(words.begin(), "appsrvctl");
   std::vector<char*> argv;
@@ -22,7 +23,9 @@ std::string parsed(std::vector<std::string> words, const ctl_environment& enviro
   text += ctl_command_name(o.command);
   for (const char* operand : o.operands) text += std::string(" ") + operand;
   if (o.action != CTL_RUN) return text;
-  text += std::string(" at ") + o.address.display + " in " + o.workdir + (o.workdir_given ? " (given)" : "");
+  if (o.address.display != std::string("127.0.0.1:7340")) text += std::string(" at ") + o.address.display;
+  if (o.workdir != std::string("/var/lib/appsrv")) text += std::string(" in ") + o.workdir;
+  if (o.workdir_given) text += " (given)";
   if (o.address.ssh.destination[0] != '\0')
     text += std::string(" ssh ") + o.address.ssh.destination + " port '" + o.address.ssh.port + "'";
   if (o.timeout_ms != ctl_default_timeout_ms) text += " timeout " + std::to_string(o.timeout_ms);
@@ -38,29 +41,29 @@ TEST(CtlArgs, CommandLinesAndTheVariablesTheyMeet) {
     const char* ssh = nullptr;  // APPSRV_SSH
     const char* workdir = nullptr;  // APPSRV_WORKDIR
   };
-  const std::string at = " at 127.0.0.1:7340", in = " in /var/lib/appsrv", port = "the port must be a number from 1 to 65535",
+  const std::string port = "the port must be a number from 1 to 65535", via = "list at 127.0.0.1:7340 via ",
                     brackets = "an IPv6 address needs brackets, as in [::1]:",
                     unsafe = "give [USER@]HOST[:PORT] without spaces, control characters or a leading '-'";
   for (const Row& row : std::vector<Row>{
            // Options go before or after the subcommand, until a double dash.
            {{"--address", "10.0.0.1:80", "--timeout=5", "rm", "--force", "--", "--json"},
-            "delete --json at 10.0.0.1:80 in /var/lib/appsrv timeout 5000 force"},
-           {{"rename", "old", "--address=10.0.0.2:81", "new"}, "rename old new at 10.0.0.2:81 in /var/lib/appsrv"},
+            "delete --json at 10.0.0.1:80 timeout 5000 force"},
+           {{"rename", "old", "--address=10.0.0.2:81", "new"}, "rename old new at 10.0.0.2:81"},
            // Help and version win over missing operands.
            {{"-h", "upload"}, "help upload"},
            {{"--version"}, "version appsrvctl"},
            // The address: the flag, then the variable (an empty one is unset), then the default.
-           {{"ls", "--address", "10.1.1.1:1"}, "list at 10.1.1.1:1 in /var/lib/appsrv", "10.2.2.2:2"},
-           {{"ls"}, "list" + at + in, ""},
+           {{"ls", "--address", "10.1.1.1:1"}, "list at 10.1.1.1:1", "10.2.2.2:2"},
+           {{"ls"}, "list", ""},
            {{"ls"}, "invalid APPSRV_ADDRESS 'nonsense': missing port (HOST:PORT)", "nonsense"},
-           {{"ls", "--address", "10.1.1.1:1"}, "list at 10.1.1.1:1 in /var/lib/appsrv", "nonsense"},
+           {{"ls", "--address", "10.1.1.1:1"}, "list at 10.1.1.1:1", "nonsense"},
            // The SSH host and the working directory likewise; only a --workdir is passed on to the SSH host.
            {{"status", "--ssh", "ops@web1:2222", "--workdir", "/srv/flag"},
-            "status at 127.0.0.1:7340 via ops@web1:2222 in /srv/flag (given) ssh ops@web1 port '2222'", nullptr, "env",
-            "/srv/env"},
-           {{"logs", "-n5", "-f", "app"}, "logs app at 127.0.0.1:7340 via env-host in /srv/env ssh env-host port '' lines 5 follow",
-            nullptr, "env-host", "/srv/env"},
-           {{"metrics"}, "metrics" + at + in},
+            "status at 127.0.0.1:7340 via ops@web1:2222 in /srv/flag (given) ssh ops@web1 port '2222'", nullptr,
+            "env", "/srv/env"},
+           {{"logs", "-n5", "-f", "app"}, "logs app at 127.0.0.1:7340 via jump in /srv/env ssh jump port '' lines 5 follow",
+            nullptr, "jump", "/srv/env"},
+           {{"metrics"}, "metrics"},
            // Usage errors name what is wrong.
            {{}, "missing command"},
            {{"frobnicate"}, "unknown command 'frobnicate'"},
@@ -75,21 +78,21 @@ TEST(CtlArgs, CommandLinesAndTheVariablesTheyMeet) {
            {{"list", "--timeout", "0"}, "invalid --timeout '0': give positive seconds up to 2147483"},
            {{"logs", "-n", "ten", "app"}, "invalid -n 'ten': give a number of lines"},
            // Addresses are numeric, IPv6 in brackets, ports up to 65535.
-           {{"ls", "--address", "[::1]:7340"}, "list at [::1]:7340 in /var/lib/appsrv"},
-           {{"ls", "--address", "192.168.0.9:08080"}, "list at 192.168.0.9:8080 in /var/lib/appsrv"},
+           {{"ls", "--address", "[::1]:7340"}, "list at [::1]:7340"},
+           {{"ls", "--address", "192.168.0.9:08080"}, "list at 192.168.0.9:8080"},
            {{"ls", "--address", "::1:7340"}, "invalid --address '::1:7340': " + brackets + "7340"},
            {{"ls", "--address", "[::1]7340"}, "invalid --address '[::1]7340': missing port after ']'"},
            {{"ls", "--address", "[::1:7340"}, "invalid --address '[::1:7340': missing ']' after the IPv6 address"},
-           {{"ls", "--address", "localhost:7340"}, "invalid --address 'localhost:7340': the host must be a numeric address"},
+           {{"ls", "--address", "localhost:1"}, "invalid --address 'localhost:1': the host must be a numeric address"},
            {{"ls", "--address", "127.0.0.1"}, "invalid --address '127.0.0.1': missing port (HOST:PORT)"},
            {{"ls", "--address", "127.0.0.1:0"}, "invalid --address '127.0.0.1:0': " + port},
            {{"ls", "--address", "127.0.0.1:65536"}, "invalid --address '127.0.0.1:65536': " + port},
            {{"ls", "--address", "127.0.0.1:065535"}, "invalid --address '127.0.0.1:065535': " + port},
            {{"ls", "--address", "127.0.0.1:http"}, "invalid --address '127.0.0.1:http': " + port},
            // SSH hosts take a user, a port and IPv6 in brackets, but nothing ssh would read as an option.
-           {{"ls", "--ssh", "root@10.0.0.5:22"}, "list" + at + " via root@10.0.0.5:22" + in + " ssh root@10.0.0.5 port '22'"},
-           {{"ls", "--ssh", "[::1]:2222"}, "list" + at + " via [::1]:2222" + in + " ssh ::1 port '2222'"},
-           {{"ls", "--ssh", "me@[fe80::1]"}, "list" + at + " via me@[fe80::1]" + in + " ssh me@fe80::1 port ''"},
+           {{"ls", "--ssh", "root@10.0.0.5:22"}, via + "root@10.0.0.5:22 ssh root@10.0.0.5 port '22'"},
+           {{"ls", "--ssh", "[::1]:2222"}, via + "[::1]:2222 ssh ::1 port '2222'"},
+           {{"ls", "--ssh", "me@[fe80::1]"}, via + "me@[fe80::1] ssh me@fe80::1 port ''"},
            {{"ls", "--ssh", "-oProxyCommand=x"}, "invalid --ssh '-oProxyCommand=x': " + unsafe},
            {{"ls", "--ssh", "-l@host"}, "invalid --ssh '-l@host': " + unsafe},
            {{"ls", "--ssh", "a b"}, "invalid --ssh 'a b': " + unsafe},
