@@ -61,8 +61,8 @@ TEST(CtlArgs, CommandLinesAndTheVariablesTheyMeet) {
            {{"status", "--ssh", "ops@web1:2222", "--workdir", "/srv/flag"},
             "status at 127.0.0.1:7340 via ops@web1:2222 in /srv/flag (given) ssh ops@web1 port '2222'", nullptr,
             "env", "/srv/env"},
-           {{"logs", "-n5", "-f", "app"}, "logs app at 127.0.0.1:7340 via jump in /srv/env ssh jump port '' lines 5 follow",
-            nullptr, "jump", "/srv/env"},
+           {{"logs", "-n5", "-f", "app"},
+            "logs app at 127.0.0.1:7340 via jump in /srv ssh jump port '' lines 5 follow", nullptr, "jump", "/srv"},
            {{"metrics"}, "metrics"},
            // Usage errors name what is wrong.
            {{}, "missing command"},
