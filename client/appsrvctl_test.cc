@@ -50,25 +50,19 @@ std::pair<std::string, int64_t> parse_request(const socket_message& message) {
   return {tag == REQ(root_t___type___tag___list) ? "list" : "?", 0};
 }
 
-enum Kind { kFailure, kNames, kEmpty, kUpgrade, kNothing };
-struct Reply {
-  Kind kind;
-  std::vector<std::string> text = {};  // the reason, or the names in ascending order
-};
-
-// One reply frame in the reply module's layout: the fingerprint, the status,
-// then what the status holds.
-void send_reply(socket_record* sock, const Reply& reply) {
+// Replies as the daemon frames them: the fingerprint, the status, then what
+// the status holds. An empty reply is none at all.
+using Reply = std::string;
+const uint32_t kSuccess = REP(root_t___status___tag___success);
+const Reply kFailed = Wire().u32(REP(root_t___status___tag___failure)).str(), kNone = "",
+            kDone = Wire().u32(kSuccess).u32(REP(root___status___success_t___type___tag___empty)).str(),
+            kUpgrade = Wire().u32(REP(root_t___status___tag___upgrade)).str();
+Reply failure(const std::string& reason) { return Wire().u32(REP(root_t___status___tag___failure)).text(reason).str(); }
+Reply names(const std::vector<std::string>& names) {  // in ascending order
   Wire wire;
-  if (reply.kind == kFailure) wire.u32(REP(root_t___status___tag___failure));
-  if (reply.kind == kNames || reply.kind == kEmpty) wire.u32(REP(root_t___status___tag___success));
-  if (reply.kind == kNames)
-    wire.u32(REP(root___status___success_t___type___tag___data)).u32(static_cast<uint32_t>(reply.text.size()));
-  if (reply.kind == kEmpty) wire.u32(REP(root___status___success_t___type___tag___empty));
-  if (reply.kind == kUpgrade) wire.u32(REP(root_t___status___tag___upgrade));
-  for (const std::string& text : reply.text) wire.text(text);
-  socket_message message{wire.str().data(), wire.str().size()};
-  EXPECT_EQ(socket_msg_send(sock, nullptr, &message), 0) << socket_strerror(sock);
+  wire.u32(kSuccess).u32(REP(root___status___success_t___type___tag___data)).u32(static_cast<uint32_t>(names.size()));
+  for (const std::string& name : names) wire.text(name);
+  return wire.str();
 }
 
 // Serves connections one at a time, as the daemon does, until destroyed. The
@@ -101,12 +95,13 @@ struct FakeDaemon {
 
   void serve(const std::pair<std::string, int64_t>& request, const Reply& reply, std::string* log, std::string* image) {
     if (log != nullptr) *log += (log->empty() ? "" : "; ") + request.first;
-    bool refused = request.second > 0 && reply.kind == kFailure;
+    bool refused = request.second > 0 && reply.starts_with(kFailed);
     std::string bytes(refused ? 0 : static_cast<size_t>(request.second), '\0');
     ssize_t got = bytes.empty() ? 0 : recv(connection.descriptor, bytes.data(), bytes.size(), MSG_WAITALL);
     if (image != nullptr && request.second > 0) *image = bytes.substr(0, got > 0 ? size_t(got) : 0);
-    if (reply.kind != kNothing) send_reply(&connection, reply);
-    if (refused || reply.kind == kNothing) usleep(1000000);
+    socket_message message{reply.data(), reply.size()};
+    EXPECT_TRUE(reply.empty() || socket_msg_send(&connection, nullptr, &message) == 0) << socket_strerror(&connection);
+    if (refused || reply.empty()) usleep(1000000);
   }
 
   socket_record listener{0, 0, nullptr, -1, ~uint64_t{0}, nullptr, nullptr};
@@ -121,10 +116,11 @@ struct FakeDaemon {
 struct Scenario {
   std::vector<Reply> replies;
   std::vector<std::string> arguments;
-  e2e::Invocation setup;
   int status;
-  std::string out, err;  // in `err` "@" stands for "appsrvctl: ADDRESS: "
+  std::string err;  // "@" stands for "appsrvctl: ADDRESS: "
   std::string requests;  // what reached the daemon
+  std::string out = "";
+  e2e::Invocation setup = {};
 };
 
 class Appsrvctl : public InScratchDir {
@@ -157,29 +153,25 @@ class Appsrvctl : public InScratchDir {
 
 TEST_F(Appsrvctl, ListPrintsNamesAsTheyAreToAPipeEscapedOnATerminalOrAsJson) {
   check({
-      {{{kNames, {"alpha", "beta", "esc\x1b[0m"}}}, {"ls"}, {}, 0, "alpha\nbeta\nesc\x1b[0m\n", "", "list"},
-      {{{kNames, {"alpha", "esc\x1b[0m\\"}}}, {"list"}, {"", 1}, 0, "alpha\r\nesc\\x1b[0m\\\\\r\n", "", "list"},
-      {{{kNames, {"a\"b", "c\\d", "e\x01" "f"}}}, {"list", "--json"}, {}, 0,
-       "[\"a\\\"b\",\"c\\\\d\",\"e\\u0001f\"]\n", "", "list"},
+      {{names({"alpha", "beta", "esc\x1b[0m"})}, {"ls"}, 0, "", "list", "alpha\nbeta\nesc\x1b[0m\n"},
+      {{names({"alpha", "esc\x1b[0m\\"})}, {"list"}, 0, "", "list", "alpha\r\nesc\\x1b[0m\\\\\r\n", {"", 1}},
+      {{names({"a\"b", "c\\d", "e\x01" "f"})}, {"list", "--json"}, 0, "", "list", R"(["a\"b","c\\d","e\u0001f"])" "\n"},
   });
 }
 
 TEST_F(Appsrvctl, OutcomesEndWithTheirStatusAndForceForgivesAnUnknownName) {
   check({
-      {{{kEmpty}}, {"delete"}, {}, 2, "",
-       "appsrvctl: missing arguments for delete\nusage: appsrvctl delete [--force] NAME\n", ""},
-      {{{kFailure, {"unknown name"}}}, {"delete", "gone"}, {}, 3, "", "@delete 'gone': unknown name\n", "delete gone"},
-      {{{kFailure, {"unknown name"}}}, {"rm", "--force", "gone"}, {}, 0, "", "@delete 'gone': already gone\n",
-       "delete gone"},
-      {{{kEmpty}}, {"delete", "app"}, {}, 0, "", "@delete 'app': deleted\n", "delete app"},
-      {{{kEmpty}}, {"delete", "tab\there"}, {}, 1, "", "appsrvctl: delete 'tab\\x09here': invalid name\n", ""},
-      {{{kFailure, {"duplicate name"}}}, {"rename", "dup", "b"}, {}, 4, "", "@rename 'dup' to 'b': duplicate name\n",
-       "rename dup b"},
-      {{{kEmpty}}, {"rename", "ok", std::string(1024, 'n')}, {}, 1, "",
+      {{kDone}, {"delete"}, 2, "appsrvctl: missing arguments for delete\nusage: appsrvctl delete [--force] NAME\n", ""},
+      {{failure("unknown name")}, {"delete", "gone"}, 3, "@delete 'gone': unknown name\n", "delete gone"},
+      {{failure("unknown name")}, {"rm", "--force", "gone"}, 0, "@delete 'gone': already gone\n", "delete gone"},
+      {{kDone}, {"delete", "app"}, 0, "@delete 'app': deleted\n", "delete app"},
+      {{kDone}, {"delete", "tab\there"}, 1, "appsrvctl: delete 'tab\\x09here': invalid name\n", ""},
+      {{failure("duplicate name")}, {"rename", "a", "b"}, 4, "@rename 'a' to 'b': duplicate name\n", "rename a b"},
+      {{kDone}, {"rename", "ok", std::string(1024, 'n')}, 1,
        "appsrvctl: rename 'ok' to '" + std::string(1024, 'n') + "': invalid new name\n", ""},
       // The renamed stack takes the connection over; nothing is sent to it.
-      {{{kUpgrade}}, {"rename", "old", "new"}, {"must not be sent\n"}, 0, "", "@rename 'old' to 'new': renamed\n",
-       "rename old new"},
+      {{kUpgrade}, {"rename", "old", "new"}, 0, "@rename 'old' to 'new': renamed\n", "rename old new", "",
+       {"must not be sent\n"}},
   });
   Outcome help = appsrvctl({"rm", "--help"});
   EXPECT_EQ(help.status, 0);
@@ -188,40 +180,36 @@ TEST_F(Appsrvctl, OutcomesEndWithTheirStatusAndForceForgivesAnUnknownName) {
 
 TEST_F(Appsrvctl, UploadChecksTheNameFirstThenStreamsTheImageAndTakesAnEarlyRefusal) {
   check({
-      {{{kEmpty}}, {"upload", "a\nb", "IMAGE"}, {}, 1, "", "appsrvctl: upload 'a\\x0ab': invalid name\n", ""},
-      {{{kEmpty}}, {"upload", "app", "/"}, {}, 1, "", "appsrvctl: upload 'app': cannot pack '/': no appsrv.toml at its top\n",
-       ""},
-      {{{kNames, {"app", "other"}}}, {"upload", "app", "IMAGE"}, {}, 4, "", "@upload 'app': duplicate name\n", "list"},
-      {{{kNames, {"other"}}, {kEmpty}}, {"upload", "app", "BIG"}, {}, 0, "", "@upload 'app': deployed (16.0 MiB)\n",
-       "list; upload app"},
+      {{kDone}, {"upload", "a\nb", "IMAGE"}, 1, "appsrvctl: upload 'a\\x0ab': invalid name\n", ""},
+      {{kDone}, {"upload", "app", "/"}, 1, "appsrvctl: upload 'app': cannot pack '/': no appsrv.toml at its top\n", ""},
+      {{names({"app", "other"})}, {"upload", "app", "IMAGE"}, 4, "@upload 'app': duplicate name\n", "list"},
+      {{names({"b"}), kDone}, {"upload", "app", "BIG"}, 0, "@upload 'app': deployed (16.0 MiB)\n", "list; upload app"},
       // Refused while the image is still going out.
-      {{{kNames, {}}, {kFailure, {"image too large"}}}, {"upload", "big", "BIG"}, {}, 1, "",
-       "@upload 'big': image too large\n", "list; upload big"},
-      {{{kNames, {}}, {kNothing}}, {"upload", "app", "IMAGE"}, {}, 5, "",
-       "@upload 'app': connection closed without a reply\n", "list; upload app"},
+      {{names({}), failure("image too large")}, {"upload", "big", "BIG"}, 1, "@upload 'big': image too large\n",
+       "list; upload big"},
+      {{names({}), kNone}, {"upload", "app", "IMAGE"}, 5, "@upload 'app': connection closed without a reply\n",
+       "list; upload app"},
   });
 }
 
 TEST_F(Appsrvctl, SelectAsksOnceMoreWhileTheStackIsResurrected) {
-  Reply resurrecting{kFailure, {"resurrecting dead stack"}};
+  const Reply resurrecting = failure("resurrecting dead stack");
+  const std::string again = "@select 'app': resurrecting dead stack, asking again\n", twice = "select app; select app";
   check({
-      {{resurrecting, {kUpgrade}}, {"select", "app"}, {}, 0, "",
-       "@select 'app': resurrecting dead stack, asking again\n", "select app; select app"},
-      {{resurrecting}, {"select", "app"}, {}, 1, "",
-       "@select 'app': resurrecting dead stack, asking again\n@select 'app': resurrecting dead stack\n",
-       "select app; select app"},
+      {{resurrecting, kUpgrade}, {"select", "app"}, 0, again, twice},
+      {{resurrecting}, {"select", "app"}, 1, again + "@select 'app': resurrecting dead stack\n", twice},
   });
 }
 
 TEST_F(Appsrvctl, AnIpv6AddressIsReachedInBrackets) {
-  FakeDaemon six({{kNames, {"six"}}}, nullptr, nullptr, "::1");
+  FakeDaemon six({names({"six"})}, nullptr, nullptr, "::1");
   if (six.port == 0) GTEST_SKIP() << "no IPv6 loopback here";
   EXPECT_EQ(appsrvctl({"--address", "[::1]:" + std::to_string(six.port), "ls"}).out, "six\n");
 }
 
 TEST_F(Appsrvctl, UploadShowsProgressOnlyOnATerminalWithoutNoColor) {
   write_file("image", std::string(3u << 20, 'p'));
-  FakeDaemon daemon({{kNames, {}}, {kEmpty}});
+  FakeDaemon daemon({names({}), kDone});
   ASSERT_NE(daemon.port, 0);
   std::vector<std::string> upload = {"--address", daemon.address(), "upload", "app", "image"};
   Outcome shown = appsrvctl(upload, {"", 2, {{"TERM", "xterm"}}});
@@ -235,9 +223,8 @@ TEST_F(Appsrvctl, UploadShowsProgressOnlyOnATerminalWithoutNoColor) {
 }
 
 TEST_F(Appsrvctl, UnreachableOrSilentDaemonsEndWithStatusFiveWithinTheTimeout) {
-  check({{{{kNothing}}, {"--timeout", "0.2", "ls"}, {}, 5, "", "@list: timed out after 0.2 s waiting for a reply\n",
-          "list"}});
-  std::string gone = FakeDaemon({Reply{kEmpty}}).address();
+  check({{{kNone}, {"--timeout", "0.2", "ls"}, 5, "@list: timed out after 0.2 s waiting for a reply\n", "list"}});
+  std::string gone = FakeDaemon({kDone}).address();
   Outcome refused = appsrvctl({"--address", gone, "ls"});
   EXPECT_EQ(refused.status, 5);
   EXPECT_EQ(refused.err, "appsrvctl: " + gone + ": list: cannot connect: Connection refused\n"

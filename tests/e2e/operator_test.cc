@@ -229,18 +229,15 @@ class Operator : public testing::Test {
     ASSERT_TRUE(daemon_.start()) << daemon_.err();
     for (const char* name : {"svc", kWeb, "idle"}) greeting(daemon_.port(), upload_bytes(name, "x"));
     ASSERT_TRUE(eventually([&] { return stack_in(snapshot_of(daemon_), "idle")["state"] == "idle"; }));
-    write_file(runtime_path("svc"), kServiceRuntime.dump());
-    write_file(runtime_path(kWeb), R"({"mode": "handler", "service": null, "handlers": 2})");
+    for (const auto& [name, runtime] : {std::pair<std::string, std::string>{"svc", kServiceRuntime.dump()},
+                                        {kWeb, R"({"mode": "handler", "service": null, "handlers": 2})"}})
+      write_file(daemon_.path("stacks/" + daemon_.key_of(name) + "/runtime.json"), runtime);
   }
-  std::string runtime_path(const std::string& name) { return daemon_.path("stacks/" + daemon_.key_of(name) + "/runtime.json"); }
 
   static constexpr const char* kWeb = "we\"b\\";
-  const json kServiceRuntime = {
-      {"mode", "service"},
-      {"service",
-       {{"pid", 4242}, {"state", "backoff"}, {"restarts", 3}, {"started", nullptr},
-        {"last_exit", {{"code", 1}, {"text", "failure"}, {"at", 1}}}}},
-      {"handlers", 0}};
+  const json kServiceRuntime = {{"mode", "service"}, {"handlers", 0},
+                                {"service", {{"pid", 4242}, {"state", "backoff"}, {"restarts", 3}, {"started", nullptr},
+                                             {"last_exit", {{"code", 1}, {"text", "failure"}, {"at", 1}}}}}};
   Daemon daemon_;
 };
 
@@ -248,11 +245,9 @@ class Operator : public testing::Test {
 // labels sorted, their values as JSON strings.
 const char kParse[] = R"(
 import json, sys
-from prometheus_client.parser import text_string_to_metric_families
-for family in text_string_to_metric_families(sys.stdin.read()):
-    for sample in family.samples:
-        labels = ",".join(k + "=" + json.dumps(v) for k, v in sorted(sample.labels.items()))
-        print("%s{%s} %d" % (sample.name, labels, sample.value))
+from prometheus_client.parser import text_string_to_metric_families as families
+for s in (sample for family in families(sys.stdin.read()) for sample in family.samples):
+    print("%s{%s} %d" % (s.name, ",".join(k + "=" + json.dumps(v) for k, v in sorted(s.labels.items())), s.value))
 )";
 
 }  // namespace
