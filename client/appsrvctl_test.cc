@@ -156,6 +156,7 @@ TEST_F(Appsrvctl, ListPrintsNamesAsTheyAreToAPipeEscapedOnATerminalOrAsJson) {
       {{names({"alpha", "beta", "esc\x1b[0m"})}, {"ls"}, 0, "", "list", "alpha\nbeta\nesc\x1b[0m\n"},
       {{names({"alpha", "esc\x1b[0m\\"})}, {"list"}, 0, "", "list", "alpha\r\nesc\\x1b[0m\\\\\r\n", {"", 1}},
       {{names({"a\"b", "c\\d", "e\x01" "f"})}, {"list", "--json"}, 0, "", "list", R"(["a\"b","c\\d","e\u0001f"])" "\n"},
+      {{names({})}, {"list", "--json"}, 0, "", "list", "[]\n"},
   });
 }
 
