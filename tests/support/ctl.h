@@ -33,8 +33,12 @@ class Ctl {
  public:
   explicit Ctl(const std::vector<std::string>& arguments, const Invocation& setup = {});
   ~Ctl();  // kills it when nobody waited for it
+  Ctl(const Ctl&) = delete;
+  Ctl& operator=(const Ctl&) = delete;
   std::string out() const { return read_stream(1); }  // so far (not from a terminal)
-  void signal(int number) const { kill(pid_, number); }
+  void signal(int number) const {
+    if (pid_ > 0) kill(pid_, number);  // never -1: that would reach every process
+  }
   Outcome wait();
 
  private:
