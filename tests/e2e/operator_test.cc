@@ -127,7 +127,9 @@ TEST_F(Ssh, ListUploadSelectAndStatusTravelThroughSsh) {
   }
   struct Stop {
     pid_t pid;
-    ~Stop() { kill(pid, SIGTERM) == 0 && waitpid(pid, nullptr, 0); }
+    ~Stop() {
+      if (pid > 0 && kill(pid, SIGTERM) == 0) waitpid(pid, nullptr, 0);
+    }
   } stop{sshd};
   ASSERT_TRUE(eventually([&] { return Connection(port).connected(); })) << read_file(dir + "/sshd.log");
   Variables through = {{"APPSRV_SSH", std::string(getpwuid(getuid())->pw_name) + "@127.0.0.1:" + std::to_string(port)},
