@@ -9,37 +9,62 @@
 
 namespace {
 
-// Parses the words after the program name.
-// The variables are APPSRV_ADDRESS, APPSRV_SSH and APPSRV_WORKDIR.
-ctl_options parse(std::vector<std::string> words, const char* address = nullptr, const char* ssh = nullptr,
-                  const char* workdir = nullptr) {
-  static std::vector<std::string> storage;  // the operands point into it until the next call
-  storage = std::move(words);
-  storage.insert(storage.begin(), "appsrvctl");
+// What ctl_parse made of the words after the program name: the usage error,
+// or the action, the command with its operands, then where the daemon is and
+// the options where they differ from the defaults (the address and working
+// directory spelled out, as operators know them).
+std::string parsed(std::vector<std::string> words, const ctl_environment& environment) {
+  words.insert(words.begin(), "appsrvctl");
   std::vector<char*> argv;
-  for (std::string& word : storage) argv.push_back(word.data());
-  ctl_options options;
-  ctl_parse(static_cast<int>(argv.size()), argv.data(), ctl_environment{address, ssh, workdir}, &options);
-  return options;
+  for (std::string& word : words) argv.push_back(word.data());
+  ctl_options o;
+  if (ctl_parse(static_cast<int>(argv.size()), argv.data(), environment, &o) == CTL_USAGE) return o.error;
+  std::string text = o.action == CTL_HELP ? "help " : o.action == CTL_VERSION ? "version " : "";
+  text += ctl_command_name(o.command);
+  for (const char* operand : o.operands) text += std::string(" ") + operand;
+  if (o.action != CTL_RUN) return text;
+  if (o.address.display != std::string("127.0.0.1:7340")) text += std::string(" at ") + o.address.display;
+  if (o.workdir != std::string("/var/lib/appsrv")) text += std::string(" in ") + o.workdir;
+  if (o.workdir_given) text += " (given)";
+  if (o.address.ssh.destination[0] != '\0')
+    text += std::string(" ssh ") + o.address.ssh.destination + " port '" + o.address.ssh.port + "'";
+  if (o.timeout_ms != ctl_default_timeout_ms) text += " timeout " + std::to_string(o.timeout_ms);
+  if (o.lines != ctl_default_lines) text += " lines " + std::to_string(o.lines);
+  return text + (o.force ? " force" : "") + (o.follow ? " follow" : "") + (o.json ? " json" : "");
 }
 
-TEST(CtlArgs, OptionsGoBeforeOrAfterTheSubcommandUntilADoubleDash) {
-  ctl_options before = parse({"--address", "10.0.0.1:80", "--timeout=5", "rm", "--force", "--", "--json"});
-  ASSERT_EQ(before.action, CTL_RUN) << before.error;
-  EXPECT_STREQ(before.address.display, "10.0.0.1:80");
-  EXPECT_EQ(before.timeout_ms, 5000u);
-  EXPECT_EQ(before.force, 1);
-  EXPECT_STREQ(before.operands[0], "--json");
-
-  ctl_options after = parse({"rename", "old", "--address=10.0.0.2:81", "new"});
-  ASSERT_EQ(after.action, CTL_RUN) << after.error;
-  EXPECT_STREQ(after.address.display, "10.0.0.2:81");
-  EXPECT_STREQ(after.operands[0], "old");
-  EXPECT_STREQ(after.operands[1], "new");
-}
-
-TEST(CtlArgs, UsageErrorsNameWhatIsWrong) {
-  for (const auto& [words, error] : std::vector<std::pair<std::vector<std::string>, const char*>>{
+TEST(CtlArgs, CommandLinesAndTheVariablesTheyMeet) {
+  struct Row {
+    std::vector<std::string> words;
+    std::string parsed;
+    const char* address = nullptr;  // APPSRV_ADDRESS
+    const char* ssh = nullptr;  // APPSRV_SSH
+    const char* workdir = nullptr;  // APPSRV_WORKDIR
+  };
+  const std::string port = "the port must be a number from 1 to 65535", via = "list at 127.0.0.1:7340 via ",
+                    brackets = "an IPv6 address needs brackets, as in [::1]:",
+                    unsafe = "give [USER@]HOST[:PORT] without spaces, control characters or a leading '-'";
+  for (const Row& row : std::vector<Row>{
+           // Options go before or after the subcommand, until a double dash.
+           {{"--address", "10.0.0.1:80", "--timeout=5", "rm", "--force", "--", "--json"},
+            "delete --json at 10.0.0.1:80 timeout 5000 force"},
+           {{"rename", "old", "--address=10.0.0.2:81", "new"}, "rename old new at 10.0.0.2:81"},
+           // Help and version win over missing operands.
+           {{"-h", "upload"}, "help upload"},
+           {{"--version"}, "version appsrvctl"},
+           // The address: the flag, then the variable (an empty one is unset), then the default.
+           {{"ls", "--address", "10.1.1.1:1"}, "list at 10.1.1.1:1", "10.2.2.2:2"},
+           {{"ls"}, "list", ""},
+           {{"ls"}, "invalid APPSRV_ADDRESS 'nonsense': missing port (HOST:PORT)", "nonsense"},
+           {{"ls", "--address", "10.1.1.1:1"}, "list at 10.1.1.1:1", "nonsense"},
+           // The SSH host and the working directory likewise; only a --workdir is passed on to the SSH host.
+           {{"status", "--ssh", "ops@web1:2222", "--workdir", "/srv/flag"},
+            "status at 127.0.0.1:7340 via ops@web1:2222 in /srv/flag (given) ssh ops@web1 port '2222'", nullptr,
+            "env", "/srv/env"},
+           {{"logs", "-n5", "-f", "app"},
+            "logs app at 127.0.0.1:7340 via jump in /srv ssh jump port '' lines 5 follow", nullptr, "jump", "/srv"},
+           {{"metrics"}, "metrics"},
+           // Usage errors name what is wrong.
            {{}, "missing command"},
            {{"frobnicate"}, "unknown command 'frobnicate'"},
            {{"list", "--verbose"}, "unknown option '--verbose'"},
@@ -47,103 +72,37 @@ TEST(CtlArgs, UsageErrorsNameWhatIsWrong) {
            {{"delete", "a", "b"}, "too many arguments for delete"},
            {{"delete", "--json", "a"}, "--json applies to list and status only"},
            {{"list", "--service"}, "--service applies to upload only"},
-           {{"list", "--address"}, "option --address needs HOST:PORT"},
-           {{"list", "--timeout", "0"}, "invalid --timeout '0': give positive seconds up to 2147483"},
-       }) {
-    ctl_options options = parse(words);
-    EXPECT_EQ(options.action, CTL_USAGE) << error;
-    EXPECT_STREQ(options.error, error);
-  }
-}
-
-TEST(CtlArgs, HelpAndVersionWinOverMissingOperands) {
-  ctl_options upload = parse({"-h", "upload"});
-  EXPECT_EQ(upload.action, CTL_HELP);
-  EXPECT_EQ(upload.command, CTL_UPLOAD);
-  EXPECT_EQ(parse({"--version"}).action, CTL_VERSION);
-  EXPECT_EQ(std::string(ctl_help_text(CTL_SELECT)).rfind(ctl_usage_line(CTL_SELECT), 0), 0u)
-      << "a command's help opens with its usage line";
-}
-
-TEST(CtlArgs, AddressComesFromFlagThenEnvironmentThenDefault) {
-  EXPECT_STREQ(parse({"ls", "--address", "10.1.1.1:1"}, "10.2.2.2:2").address.display, "10.1.1.1:1");
-  EXPECT_STREQ(parse({"ls"}, "").address.display, "127.0.0.1:7340") << "an empty variable is unset";
-  EXPECT_STREQ(parse({"ls"}).address.display, "127.0.0.1:7340");
-  EXPECT_STREQ(parse({"ls"}, "nonsense").error, "invalid APPSRV_ADDRESS 'nonsense': missing port (HOST:PORT)");
-  EXPECT_EQ(parse({"ls", "--address", "10.1.1.1:1"}, "nonsense").action, CTL_RUN)
-      << "a flag makes a broken variable irrelevant";
-}
-
-TEST(CtlArgs, SshHostAndWorkdirComeFromFlagThenEnvironmentAndApplyWhereTheyMean) {
-  ctl_options flags = parse({"status", "--ssh", "ops@web1:2222", "--workdir", "/srv/flag"}, nullptr, "env", "/srv/env");
-  ASSERT_EQ(flags.action, CTL_RUN) << flags.error;
-  EXPECT_STREQ(flags.address.ssh.destination, "ops@web1");
-  EXPECT_STREQ(flags.address.ssh.port, "2222");
-  EXPECT_STREQ(flags.address.display, "127.0.0.1:7340 via ops@web1:2222");
-  EXPECT_STREQ(flags.workdir, "/srv/flag");
-  EXPECT_EQ(flags.workdir_given, 1);
-  ctl_options variables = parse({"logs", "-n5", "-f", "app"}, nullptr, "env-host", "/srv/env");
-  EXPECT_STREQ(variables.address.ssh.destination, "env-host");
-  EXPECT_STREQ(variables.workdir, "/srv/env");
-  EXPECT_EQ(variables.workdir_given, 0) << "only a flag is passed on to the SSH host";
-  EXPECT_EQ(variables.lines, 5u);
-  EXPECT_STREQ(parse({"metrics"}).workdir, "/var/lib/appsrv");
-  EXPECT_STREQ(parse({"ls"}).address.ssh.destination, "");
-
-  for (auto [words, error] : std::vector<std::pair<std::vector<std::string>, const char*>>{
            {{"ls", "--workdir", "/x"}, "--workdir applies to status, logs and metrics only"},
            {{"status", "-f"}, "-n and -f apply to logs only"},
+           {{"list", "--address"}, "option --address needs HOST:PORT"},
+           {{"list", "--timeout", "0"}, "invalid --timeout '0': give positive seconds up to 2147483"},
            {{"logs", "-n", "ten", "app"}, "invalid -n 'ten': give a number of lines"},
-           {{"logs"}, "missing arguments for logs"},
-           {{"metrics", "x"}, "too many arguments for metrics"},
+           // Addresses are numeric, IPv6 in brackets, ports up to 65535.
+           {{"ls", "--address", "[::1]:7340"}, "list at [::1]:7340"},
+           {{"ls", "--address", "192.168.0.9:08080"}, "list at 192.168.0.9:8080"},
+           {{"ls", "--address", "::1:7340"}, "invalid --address '::1:7340': " + brackets + "7340"},
+           {{"ls", "--address", "[::1]7340"}, "invalid --address '[::1]7340': missing port after ']'"},
+           {{"ls", "--address", "[::1:7340"}, "invalid --address '[::1:7340': missing ']' after the IPv6 address"},
+           {{"ls", "--address", "localhost:1"}, "invalid --address 'localhost:1': the host must be a numeric address"},
+           {{"ls", "--address", "127.0.0.1"}, "invalid --address '127.0.0.1': missing port (HOST:PORT)"},
+           {{"ls", "--address", "127.0.0.1:0"}, "invalid --address '127.0.0.1:0': " + port},
+           {{"ls", "--address", "127.0.0.1:65536"}, "invalid --address '127.0.0.1:65536': " + port},
+           {{"ls", "--address", "127.0.0.1:065535"}, "invalid --address '127.0.0.1:065535': " + port},
+           {{"ls", "--address", "127.0.0.1:http"}, "invalid --address '127.0.0.1:http': " + port},
+           // SSH hosts take a user, a port and IPv6 in brackets, but nothing ssh would read as an option.
+           {{"ls", "--ssh", "root@10.0.0.5:22"}, via + "root@10.0.0.5:22 ssh root@10.0.0.5 port '22'"},
+           {{"ls", "--ssh", "[::1]:2222"}, via + "[::1]:2222 ssh ::1 port '2222'"},
+           {{"ls", "--ssh", "me@[fe80::1]"}, via + "me@[fe80::1] ssh me@fe80::1 port ''"},
+           {{"ls", "--ssh", "-oProxyCommand=x"}, "invalid --ssh '-oProxyCommand=x': " + unsafe},
+           {{"ls", "--ssh", "-l@host"}, "invalid --ssh '-l@host': " + unsafe},
+           {{"ls", "--ssh", "a b"}, "invalid --ssh 'a b': " + unsafe},
+           {{"ls", "--ssh", "user@"}, "invalid --ssh 'user@': " + unsafe},
+           {{"ls", "--ssh", ""}, "invalid --ssh '': " + unsafe},
+           {{"ls", "--ssh", "host:"}, "invalid --ssh 'host:': " + port},
+           {{"ls", "--ssh", "::1"}, "invalid --ssh '::1': " + brackets + "22"},
+           {{"ls", "--ssh", "[::1]x"}, "invalid --ssh '[::1]x': only :PORT may follow ']'"},
        }) {
-    EXPECT_STREQ(parse(words).error, error);
-  }
-}
-
-TEST(CtlArgs, SshHostsTakeAUserAPortAndIpv6InBracketsButNothingSshWouldReadAsAnOption) {
-  ctl_ssh_host ssh;
-  char error[160];
-  for (auto [text, destination, port] : std::vector<std::tuple<const char*, const char*, const char*>>{
-           {"web1", "web1", ""}, {"root@10.0.0.5:22", "root@10.0.0.5", "22"}, {"[::1]:2222", "::1", "2222"},
-           {"me@[fe80::1]", "me@fe80::1", ""}}) {
-    ASSERT_EQ(ctl_parse_ssh_host(text, &ssh, error, sizeof error), 0) << text << ": " << error;
-    EXPECT_STREQ(ssh.destination, destination);
-    EXPECT_STREQ(ssh.port, port);
-    EXPECT_STREQ(ssh.display, text);
-  }
-  const char* unsafe = "give [USER@]HOST[:PORT] without spaces, control characters or a leading '-'";
-  for (auto [text, reason] : std::vector<std::pair<const char*, const char*>>{
-           {"-oProxyCommand=x", unsafe}, {"-l@host", unsafe}, {"a b", unsafe}, {"", unsafe}, {"user@", unsafe},
-           {"host:", "the port must be a number from 1 to 65535"}, {"::1", "an IPv6 address needs brackets, as in [::1]:22"},
-           {"[::1]x", "only :PORT may follow ']'"}}) {
-    EXPECT_EQ(ctl_parse_ssh_host(text, &ssh, error, sizeof error), -1) << text;
-    EXPECT_STREQ(error, reason) << text;
-  }
-}
-
-TEST(CtlArgs, AddressesAreNumericWithIpv6InBracketsAndPortsUpTo65535) {
-  ctl_address address;
-  char error[128];
-  ASSERT_EQ(ctl_parse_address("[::1]:7340", &address, error, sizeof error), 0) << error;
-  EXPECT_STREQ(address.host, "::1");
-  EXPECT_STREQ(address.display, "[::1]:7340");
-  ASSERT_EQ(ctl_parse_address("192.168.0.9:08080", &address, error, sizeof error), 0) << error;
-  EXPECT_STREQ(address.port, "8080");
-  const char* bad_port = "the port must be a number from 1 to 65535";
-  for (auto [text, reason] : std::vector<std::pair<const char*, const char*>>{
-           {"::1:7340", "an IPv6 address needs brackets, as in [::1]:7340"},
-           {"[::1]7340", "missing port after ']'"},
-           {"[::1:7340", "missing ']' after the IPv6 address"},
-           {"localhost:7340", "the host must be a numeric address"},
-           {"127.0.0.1", "missing port (HOST:PORT)"},
-           {"127.0.0.1:0", bad_port},
-           {"127.0.0.1:65536", bad_port},
-           {"127.0.0.1:065535", bad_port},
-           {"127.0.0.1:http", bad_port},
-       }) {
-    EXPECT_EQ(ctl_parse_address(text, &address, error, sizeof error), -1) << text;
-    EXPECT_STREQ(error, reason) << text;
+    EXPECT_EQ(parsed(row.words, {row.address, row.ssh, row.workdir}), row.parsed);
   }
 }
 
