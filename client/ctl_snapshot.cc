@@ -19,7 +19,8 @@ using json = nlohmann::ordered_json;
 constexpr int64_t kSnapshotLimit = 64 << 20;
 constexpr int64_t kRuntimeLimit = 64 << 10;
 constexpr int64_t kProcLimit = 4096;
-// The daemon notes its start as its first act; /proc counts from the exec.
+// The start /proc gives is a count of clock ticks after a boot time in whole
+// seconds: a little slack keeps the daemon from looking younger than itself.
 constexpr int64_t kStartTolerance_s = 5;
 
 // The whole regular file at `path` when it holds at most `limit` bytes,
@@ -71,15 +72,18 @@ int64_t process_start(int64_t pid) {
   return atoll(system.c_str() + at + 7) + static_cast<int64_t>(ticks / static_cast<unsigned long long>(hertz));
 }
 
-// The pid is alive, belongs to an appsrv, and that appsrv started when the
-// snapshot says: a pid reused by another program is not taken for it.
+// The pid is alive, belongs to an appsrv, and that process already existed
+// when the snapshot's daemon started: a pid handed out again after the
+// daemon ended belongs to a process made later. The process may well be
+// older than the daemon's start, since whatever started the daemon may have
+// run for a while (building it, say) before it executed the daemon.
 bool daemon_runs(int64_t pid, int64_t started) {
   if (pid <= 0 || pid > INT32_MAX) return false;
   std::string command;
   if (!read_bounded("/proc/" + std::to_string(pid) + "/comm", kProcLimit, &command) || command != "appsrv\n")
     return false;
   int64_t start = process_start(pid);
-  return start >= 0 && llabs(start - started) <= kStartTolerance_s;
+  return start >= 0 && start <= started + kStartTolerance_s;
 }
 
 std::string local_time(int64_t seconds) {
