@@ -8,7 +8,6 @@
 
 #include <csignal>
 #include <filesystem>
-#include <netinet/in.h>
 #include <poll.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
@@ -44,10 +43,7 @@ class HandlerTest : public testing::Test {
     socket_address address{};
     ASSERT_EQ(socket_address_tcp("127.0.0.1", "0", &address), 0);
     ASSERT_EQ(socket_open(&address, 1, 1, &listener_), 0);
-    sockaddr_in bound{};
-    socklen_t length = sizeof bound;
-    getsockname(listener_.descriptor, reinterpret_cast<sockaddr*>(&bound), &length);
-    port_ = ntohs(bound.sin_port);
+    port_ = port_of(listener_.descriptor);
     appsrv_receive_limits = {1000, 1000, 2000, 64 << 10};
   }
   void TearDown() override {

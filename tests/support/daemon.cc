@@ -65,10 +65,16 @@ uint16_t free_port() {
   address.sin_family = AF_INET;
   address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
   bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address);
-  socklen_t length = sizeof address;
-  getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length);
+  uint16_t port = port_of(fd);
   close(fd);
-  return ntohs(address.sin_port);
+  return port;
+}
+
+uint16_t port_of(int descriptor) {
+  sockaddr_in6 name{};  // the port sits at the same offset for both families
+  socklen_t length = sizeof name;
+  getsockname(descriptor, reinterpret_cast<sockaddr*>(&name), &length);
+  return ntohs(name.sin6_port);
 }
 
 Daemon::Daemon(const char* bootstrap) {
