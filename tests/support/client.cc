@@ -9,6 +9,7 @@
 
 #include "protocol/appsrv_protocol_reply/appsrv_protocol_reply.h"
 #include "protocol/appsrv_protocol_request/appsrv_protocol_request.h"
+#include "protocol/message_set.h"
 #include "tests/support/message_testing.h"
 
 // The generated names share long prefixes.
@@ -100,10 +101,7 @@ std::string Connection::reply() {
     if (success->type.set && success->type.tag == REP(root___status___success_t___type___tag___data)) {
       text = "names:";
       auto* data = static_cast<REP(root___status___success___type___data_t)*>(success->type.payload);
-      message_cursor cursor;
-      for (const message_entry* e = REP(root___status___success___type___data___stack_names_t___cit_init)(
-               data->stack_names.tree, &cursor);
-           e != nullptr; e = REP(root___status___success___type___data___stack_names_t___cit_next)(&cursor))
+      for (const message_entry* e = message_set_first(data->stack_names.tree); e != nullptr; e = message_set_next(e))
         text += std::string("\n") + e->text;
     }
   } else if (parsed) {
