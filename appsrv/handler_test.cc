@@ -8,17 +8,15 @@
 
 #include <csignal>
 #include <filesystem>
-#include <netinet/in.h>
 #include <poll.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <thread>
 #include <unistd.h>
 
-#include "protocol/appsrv_protocol_reply/appsrv_protocol_reply.h"
-#include "protocol/appsrv_protocol_request/appsrv_protocol_request.h"
 #include "stackman/stackman.h"
 #include "tests/support/daemon.h"
+#include "tests/support/message_testing.h"
 
 using namespace e2e;
 
@@ -44,10 +42,7 @@ class HandlerTest : public testing::Test {
     socket_address address{};
     ASSERT_EQ(socket_address_tcp("127.0.0.1", "0", &address), 0);
     ASSERT_EQ(socket_open(&address, 1, 1, &listener_), 0);
-    sockaddr_in bound{};
-    socklen_t length = sizeof bound;
-    getsockname(listener_.descriptor, reinterpret_cast<sockaddr*>(&bound), &length);
-    port_ = ntohs(bound.sin_port);
+    port_ = port_of(listener_.descriptor);
     appsrv_receive_limits = {1000, 1000, 2000, 64 << 10};
   }
   void TearDown() override {
@@ -73,13 +68,10 @@ class HandlerTest : public testing::Test {
     });
     socket_record connection{};
     EXPECT_EQ(socket_accept(&listener_, 0, &connection), 0);
-    dympage* request_arena = image___appsrv_protocol_request___create_allocator_f();
-    dympage* reply_arena = image___appsrv_protocol_reply___create_allocator_f();
+    TestArena request_arena, reply_arena;
     int64_t started = now_ms();
     handle_request(&connection, request_arena, reply_arena);
     handled_ms_ = now_ms() - started;
-    image___appsrv_protocol_reply___destroy_allocator_f(reply_arena);
-    image___appsrv_protocol_request___destroy_allocator_f(request_arena);
     socket_close(&connection);
     client.join();
     return answer;
@@ -117,9 +109,8 @@ TEST_F(HandlerTest, AFullDiskFailsTheUploadAfterTheNameChecksAndLeavesNothing) {
   sighandler_t handler = signal(SIGXFSZ, SIG_IGN);
   setrlimit(RLIMIT_FSIZE, &limited);
   const std::string image = patterned_image(3 * appsrv_image_chunk);
-  const struct {
-    const char *name, *reason;
-  } cases[] = {{"new", "store image"}, {"", "invalid name"}, {"taken", "duplicate name"}};
+  const struct { const char *name, *reason; } cases[] = {
+      {"new", "store image"}, {"", "invalid name"}, {"taken", "duplicate name"}};
   for (const auto& c : cases) {
     EXPECT_EQ(upload(c.name, image), std::string("failure: ") + c.reason);
     EXPECT_EQ(left_behind(), kept) << c.name;
@@ -133,12 +124,7 @@ TEST_F(HandlerTest, SlowClientsAreCutOffAndLeaveNothing) {
   const std::string request = frame_bytes + image;
   // Limits: the frame within 1 s, no receive silent for 1 s, and 64 KiB in
   // every 2 s of the image.
-  const struct {
-    const char* what;
-    Steps steps;
-    std::string answer;
-    int64_t at_least_ms;
-  } cases[] = {
+  const struct { const char* what; Steps steps; std::string answer; int64_t at_least_ms; } cases[] = {
       {"frame a byte at a time", trickle(frame_bytes, frame_bytes.size(), 40), "", 1000},
       {"silent mid-image", {{frame_bytes + image.substr(0, 100000), 3000}, {image.substr(100000)}},
        "failure: image could not be loaded", 1000},

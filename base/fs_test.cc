@@ -4,7 +4,6 @@
 
 #include <fcntl.h>
 #include <string>
-#include <unistd.h>
 #include <vector>
 
 #include "tests/support/scratch_dir.h"

@@ -19,6 +19,7 @@
 #include "base/ostream.h"
 #include "base/runtime.h"
 #include "base/sockpoll.h"
+#include "tests/support/daemon.h"
 #include "tests/support/scratch_dir.h"
 
 namespace {
@@ -55,13 +56,6 @@ std::string recv_text(socket_record* sock, socket_address* source = nullptr) {
 }
 
 int open_descriptors() { return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {}); }
-
-std::string local_port(const socket_record& sock) {
-  sockaddr_in6 name{};  // the port sits at the same offset for both families
-  socklen_t length = sizeof name;
-  getsockname(sock.descriptor, reinterpret_cast<sockaddr*>(&name), &length);
-  return std::to_string(ntohs(name.sin6_port));
-}
 
 const char* unix_path(const socket_address& address) {
   return reinterpret_cast<const sockaddr_un*>(address.storage)->sun_path;
@@ -106,16 +100,6 @@ struct unix_pair {
   }
 };
 
-std::string length_word(uint32_t n) {
-  return {static_cast<char>(n >> 24), static_cast<char>(n >> 16), static_cast<char>(n >> 8), static_cast<char>(n)};
-}
-
-std::string pattern(size_t size, int step) {
-  std::string data(size, '\0');
-  for (size_t i = 0; i < size; ++i) data[i] = static_cast<char>(i * step + 1);
-  return data;
-}
-
 using SocketOpen = InScratchDir;
 using SocketDatagram = InScratchDir;
 using SocketPassing = InScratchDir;
@@ -140,7 +124,7 @@ TEST_F(SocketOpen, FailuresGoToTheFamilyErrorWithNothingLeftOpen) {
   EXPECT_TRUE(fails_with(socket_open(&address, 0, 0, &sock), nullptr, EINVAL));
   // A port that was just released has no listener: the connect is refused.
   ASSERT_EQ(socket_open(&address, 1, 1, &listener), 0);
-  std::string port = local_port(listener);
+  std::string port = std::to_string(e2e::port_of(listener.descriptor));
   socket_close(&listener);
   ASSERT_EQ(socket_address_tcp("127.0.0.1", port.c_str(), &address), 0);
   int before = open_descriptors();
@@ -158,7 +142,7 @@ TEST(SocketRecord, EveryDescriptorIsCloseOnExecAndTheRecordFilled) {
   socket_record listener{}, client{}, server{};
   ASSERT_EQ(socket_address_tcp("127.0.0.1", "0", &address), 0);
   ASSERT_EQ(socket_open(&address, 1, 1, &listener), 0);
-  ASSERT_EQ(socket_address_tcp("127.0.0.1", local_port(listener).c_str(), &address), 0);
+  ASSERT_EQ(socket_address_tcp("127.0.0.1", std::to_string(e2e::port_of(listener.descriptor)).c_str(), &address), 0);
   ASSERT_EQ(socket_open(&address, 0, 1, &client), 0);
   ASSERT_EQ(socket_accept(&listener, 1, &server), 0);
   EXPECT_EQ(fields(client), "inet stream cloexec");
@@ -183,8 +167,8 @@ TEST(SocketRecord, EveryDescriptorIsCloseOnExecAndTheRecordFilled) {
 TEST(SocketFrame, PayloadGoesOutBehindABigEndianLengthOf1To65535) {
   unix_pair pair;
   ASSERT_EQ(send_text(&pair.near, "hello"), 0);
-  EXPECT_EQ(pair.on_the_wire(), length_word(5) + "hello");
-  std::string largest = pattern(65535, 7);
+  EXPECT_EQ(pair.on_the_wire(), e2e::frame("hello"));
+  std::string largest = e2e::patterned_image(65535);
   ASSERT_EQ(send_text(&pair.near, largest), 0);
   EXPECT_EQ(recv_text(&pair.far), largest);
   // Refusals write nothing: the next frame on the wire is the one sent after.
@@ -200,9 +184,9 @@ TEST(SocketFrame, PayloadGoesOutBehindABigEndianLengthOf1To65535) {
 TEST(SocketFrame, BrokenAndEndingStreams) {
   const struct { std::string wire; bool close; int error; const char* left; } cases[] = {
       {"", true, 0, ""},  // peer gone before a frame: an empty message, socket dead
-      {length_word(0), false, 0, ""},  // a zero length word ends the stream
+      {e2e::frame(""), false, 0, ""},  // a zero length word ends the stream
       {std::string("\0\0", 2), true, EIO, ""},  // the stream ends inside the length word
-      {length_word(65536) + "ab", true, EMSGSIZE, "ab"},  // refused before the payload
+      {std::string("\0\x01\0\0", 4) + "ab", true, EMSGSIZE, "ab"},  // refused before the payload
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(testing::Message() << c.wire.size() << " bytes on the wire");
@@ -348,7 +332,7 @@ TEST(Sockpoll, WaitingInputIsSeenAndDetachedSlotsReused) {
 TEST(ChunkedStreams, WrittenRelayedAndReadBackByteForByte) {
   unix_pair first, second;
   ostream* out = socket_ostream_chunked(&first.near);
-  std::string data = pattern(5000, 7);
+  std::string data = e2e::patterned_image(5000);
   ASSERT_EQ(ostream_write_len(out, data.data(), data.size()), 5000u);
   EXPECT_EQ(ostream_write_len(out, "", 0), 0u);  // never an empty chunk
   EXPECT_EQ(ostream_write_string(out, "abc"), 3u);
@@ -356,10 +340,11 @@ TEST(ChunkedStreams, WrittenRelayedAndReadBackByteForByte) {
   ostream_destroy(out);
   first.put("after");
   EXPECT_EQ(socket_stream_attach_chunked(&first.far, &second.near), 0);
-  EXPECT_EQ(second.on_the_wire(), length_word(5000) + data + length_word(3) + "abc" + length_word(0));
+  const std::string chunked = e2e::frame(data) + e2e::frame("abc") + e2e::frame("");
+  EXPECT_EQ(second.on_the_wire(), chunked);
   EXPECT_EQ(first.on_the_wire(), "after") << "nothing past the end marker";
 
-  second.put(length_word(5000) + data + length_word(3) + "abc" + length_word(0) + length_word(1) + "z");
+  second.put(chunked + e2e::frame("z"));
   istream* in = socket_istream_chunked(&second.far);
   EXPECT_EQ(socket_istream_chunked(&second.far), nullptr) << "one input stream per socket";
   std::string read;
@@ -367,7 +352,7 @@ TEST(ChunkedStreams, WrittenRelayedAndReadBackByteForByte) {
   for (uint64_t want : {3u, 0u, 700u, 5003u, 10u}) read.append(buffer, istream_read_len(in, buffer, want));
   EXPECT_EQ(read, data + "abc");
   istream_destroy(in);
-  EXPECT_EQ(second.on_the_wire(), length_word(1) + "z") << "what follows the stream stays in the socket";
+  EXPECT_EQ(second.on_the_wire(), e2e::frame("z")) << "what follows the stream stays in the socket";
 
   out = socket_ostream_zeroterm(&first.near);
   EXPECT_EQ(ostream_write_string(out, "hi"), 2u);

@@ -74,11 +74,8 @@ struct FakeDaemon {
   explicit FakeDaemon(std::vector<Reply> replies, std::string* log = nullptr, std::string* image = nullptr,
                       const char* host = "127.0.0.1") {
     socket_address address{};
-    sockaddr_in6 bound{};  // an IPv4 port sits at the same place
-    socklen_t length = sizeof bound;
     if (socket_address_tcp(host, "0", &address) != 0 || socket_open(&address, 4, 1, &listener) != 0) return;
-    getsockname(listener.descriptor, reinterpret_cast<sockaddr*>(&bound), &length);
-    port = ntohs(bound.sin6_port);
+    port = e2e::port_of(listener.descriptor);
     thread = std::thread([this, replies, log, image] {
       socket_message message{};
       for (size_t n = 0; socket_accept(&listener, 0, &connection) == 0; socket_close(&connection))
@@ -126,11 +123,8 @@ struct Scenario {
 class Appsrvctl : public InScratchDir {
  protected:
   void check(const std::vector<Scenario>& scenarios) {
-    for (const char* name : {"IMAGE", "BIG"}) {
-      std::string image(name[0] == 'B' ? 16u << 20 : 16u, '\0');
-      for (size_t i = 0; i < image.size(); ++i) image[i] = static_cast<char>((i * 2654435761u) >> 13);
-      write_file(name, image);
-    }
+    write_file("IMAGE", e2e::patterned_image(16));
+    write_file("BIG", e2e::patterned_image(16u << 20));
     for (const Scenario& s : scenarios) {
       SCOPED_TRACE(s.arguments[0] + " " + (s.arguments.size() > 1 ? s.arguments[1] : ""));
       std::string requests, received, address;

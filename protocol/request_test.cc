@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <cctype>
-#include <climits>
 
 #include "protocol/appsrv_protocol_request/appsrv_protocol_request.h"
 #include "tests/support/message_testing.h"

@@ -2,16 +2,15 @@
 
 #include <arpa/inet.h>
 #include <cerrno>
-#include <cstdlib>
 #include <netinet/in.h>
 #include <sys/socket.h>
 #include <unistd.h>
 #include <utility>
 
-#include "base/istream.h"
-#include "base/ostream.h"
 #include "protocol/appsrv_protocol_reply/appsrv_protocol_reply.h"
 #include "protocol/appsrv_protocol_request/appsrv_protocol_request.h"
+#include "protocol/message_set.h"
+#include "tests/support/message_testing.h"
 
 // The generated names share long prefixes.
 #define REQ(name) image___appsrv_protocol_request___##name
@@ -23,18 +22,12 @@ namespace {
 
 template <typename Build>
 std::string encode(Build build) {
-  dympage* arena = REQ(create_allocator_f)();
+  TestArena arena;
   REQ(root_t)* root = REQ(root_t___allocate_f)(arena);
   build(arena, root);
-  char* buffer = nullptr;
-  uint64_t size = 0;
-  ostream* out = ostream_create_memory(&buffer, &size);
   REQ(finalize_f)(root);
-  int result = REQ(serialize_bin_f)(root, out);
-  ostream_destroy(out);
-  std::string bytes(buffer, size);
-  free(buffer);
-  REQ(destroy_allocator_f)(arena);
+  int result = -1;
+  std::string bytes = serialize_with(&REQ(serialize_bin_f), root, &result);
   return result == 0 ? bytes : std::string();
 }
 
@@ -96,11 +89,9 @@ std::string Connection::reply() {
   if (!read_exactly(&length, 4)) return "";
   std::string payload(ntohl(length), '\0'), text;
   if (!read_exactly(payload.data(), payload.size())) return "";
-  dympage* arena = REP(create_allocator_f)();
+  TestArena arena;
   auto* root = REP(root_t___allocate_f)(arena);
-  istream* in = istream_create_memory(payload.data(), payload.size());
-  bool parsed = REP(parse_bin_f)(arena, root, in) == 0 && root->status.set;
-  istream_destroy(in);
+  bool parsed = parse_with(&REP(parse_bin_f), arena, root, payload) == 0 && root->status.set;
   if (parsed && root->status.tag == REP(root_t___status___tag___failure)) {
     auto* failure = static_cast<REP(root___status___failure_t)*>(root->status.payload);
     text = "failure: " + std::string(failure->reason.text, failure->reason.length);
@@ -110,16 +101,12 @@ std::string Connection::reply() {
     if (success->type.set && success->type.tag == REP(root___status___success_t___type___tag___data)) {
       text = "names:";
       auto* data = static_cast<REP(root___status___success___type___data_t)*>(success->type.payload);
-      message_cursor cursor;
-      for (const message_entry* e = REP(root___status___success___type___data___stack_names_t___cit_init)(
-               data->stack_names.tree, &cursor);
-           e != nullptr; e = REP(root___status___success___type___data___stack_names_t___cit_next)(&cursor))
+      for (const message_entry* e = message_set_first(data->stack_names.tree); e != nullptr; e = message_set_next(e))
         text += std::string("\n") + e->text;
     }
   } else if (parsed) {
     text = "upgrade";
   }
-  REP(destroy_allocator_f)(arena);
   return text;
 }
 

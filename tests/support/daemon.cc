@@ -9,21 +9,18 @@
 #include <fcntl.h>
 #include <filesystem>
 #include <fstream>
-#include <sstream>
+#include <iterator>
 #include <netinet/in.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-
 namespace e2e {
 
 std::string read_file(const std::string& path) {
   std::ifstream in(path, std::ios::binary);
-  std::ostringstream contents;
-  contents << in.rdbuf();
-  return in ? contents.str() : "<missing>";
+  return in ? std::string(std::istreambuf_iterator<char>(in), {}) : "<missing>";
 }
 
 void write_file(const std::string& path, const std::string& contents) {
@@ -65,10 +62,16 @@ uint16_t free_port() {
   address.sin_family = AF_INET;
   address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
   bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address);
-  socklen_t length = sizeof address;
-  getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length);
+  uint16_t port = port_of(fd);
   close(fd);
-  return ntohs(address.sin_port);
+  return port;
+}
+
+uint16_t port_of(int descriptor) {
+  sockaddr_in6 name{};  // the port sits at the same offset for both families
+  socklen_t length = sizeof name;
+  getsockname(descriptor, reinterpret_cast<sockaddr*>(&name), &length);
+  return ntohs(name.sin6_port);
 }
 
 Daemon::Daemon(const char* bootstrap) {

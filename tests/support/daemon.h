@@ -26,6 +26,7 @@ bool contains(const std::string& text, const std::string& part);
 bool eventually(const std::function<bool()>& condition, int milliseconds = 5000);
 int64_t now_ms();
 uint16_t free_port();
+uint16_t port_of(int descriptor);  // the local port of a bound socket, IPv4 or IPv6
 
 class Daemon {
  public:

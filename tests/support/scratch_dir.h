@@ -7,9 +7,8 @@
 
 #include <cstdlib>
 #include <filesystem>
-#include <fstream>
-#include <iterator>
-#include <string>
+
+#include "tests/support/daemon.h"
 
 class InScratchDir : public testing::Test {
  protected:
@@ -25,9 +24,5 @@ class InScratchDir : public testing::Test {
   std::filesystem::path previous_;
 };
 
-inline void write_file(const std::string& path, const std::string& contents) { std::ofstream(path) << contents; }
-
-inline std::string read_file(const std::string& path) {
-  std::ifstream in(path);
-  return in ? std::string(std::istreambuf_iterator<char>(in), {}) : "<missing>";
-}
+using e2e::read_file;
+using e2e::write_file;
