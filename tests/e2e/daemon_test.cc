@@ -62,7 +62,9 @@ TEST_F(DaemonTest, UploadListSelectRenameDelete) {
 TEST_F(DaemonTest, FailuresComeInTheirOrderOfChecks) {
   EXPECT_EQ(upload("taken", "1"), "deployed taken");
   EXPECT_EQ(upload("other", "2"), "deployed other");
-  const struct { std::string bytes, reason; } cases[] = {
+  const struct {
+    std::string bytes, reason;
+  } cases[] = {
       {frame(encode_delete("missing")), "unknown name"},
       {frame(encode_delete("")), "invalid name"},
       {frame(encode_select("missing")), "unknown name"},
@@ -191,7 +193,10 @@ TEST(DaemonStartup, FailuresEndWithStatusOne) {
   Daemon no_data, bad_address, first, port_taken;
   rmdir(no_data.path("data").c_str());
   ASSERT_TRUE(first.start());
-  const struct { Daemon& daemon; std::string host, port, error; } cases[] = {
+  const struct {
+    Daemon& daemon;
+    std::string host, port, error;
+  } cases[] = {
       {no_data, "127.0.0.1", std::to_string(free_port()), "] Error: directory './data' is missing\n"},
       {bad_address, "localhost", "7340", "] AppSrv: Invalid TCP/IP: "},
       {port_taken, "127.0.0.1", std::to_string(first.port()),
