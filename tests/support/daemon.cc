@@ -9,18 +9,21 @@
 #include <fcntl.h>
 #include <filesystem>
 #include <fstream>
-#include <iterator>
+#include <sstream>
 #include <netinet/in.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+
 namespace e2e {
 
 std::string read_file(const std::string& path) {
   std::ifstream in(path, std::ios::binary);
-  return in ? std::string(std::istreambuf_iterator<char>(in), {}) : "<missing>";
+  std::ostringstream contents;
+  contents << in.rdbuf();
+  return in ? contents.str() : "<missing>";
 }
 
 void write_file(const std::string& path, const std::string& contents) {
