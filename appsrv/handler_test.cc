@@ -135,7 +135,8 @@ TEST_F(HandlerTest, SlowClientsAreCutOffAndLeaveNothing) {
   };
   for (const auto& c : cases) {
     EXPECT_EQ(serve(c.steps), c.answer) << c.what;
-    EXPECT_GE(handled_ms_, c.at_least_ms) << c.what;
+    // Receive time-outs run in scheduler ticks: one may end a few ms early.
+    EXPECT_GE(handled_ms_, c.at_least_ms - 10) << c.what;
     EXPECT_LT(handled_ms_, c.at_least_ms + 3000) << c.what;
   }
   ASSERT_NE(stackman_get("slow"), nullptr);
