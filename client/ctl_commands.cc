@@ -1,7 +1,9 @@
 #include "client/ctl_commands.h"
 
+#include <cerrno>
 #include <cstdarg>
 #include <cstdio>
+#include <sys/socket.h>
 #include <unistd.h>
 
 #include "client/ctl_ssh.h"
@@ -37,6 +39,17 @@ bool ctl_name_checked(const std::string& what, const char* name, const char* rea
   if (management_name_valid(name)) return true;
   ctl_report_local("%s: %s", what.c_str(), reason);
   return false;
+}
+
+bool ctl_write_all(int descriptor, const char* bytes, size_t size, bool is_socket) {
+  while (size > 0) {
+    ssize_t put = is_socket ? send(descriptor, bytes, size, MSG_NOSIGNAL) : write(descriptor, bytes, size);
+    if (put < 0 && errno == EINTR) continue;
+    if (put <= 0) return false;
+    bytes += put;
+    size -= static_cast<size_t>(put);
+  }
+  return true;
 }
 
 std::string ctl_quote(const char* name) { return "'" + ctl_terminal_escape(name) + "'"; }

@@ -79,17 +79,6 @@ off_t tail_start(int descriptor, off_t size, uint64_t wanted, uint64_t* lines) {
   return 0;
 }
 
-bool write_all(const char* bytes, size_t size) {
-  while (size > 0) {
-    ssize_t put = write(STDOUT_FILENO, bytes, size);
-    if (put < 0 && errno == EINTR) continue;
-    if (put <= 0) return false;
-    bytes += put;
-    size -= static_cast<size_t>(put);
-  }
-  return true;
-}
-
 // Copies [from, to) of the file to standard output.
 bool copy_range(int descriptor, off_t from, off_t to) {
   char block[kBlock];
@@ -97,7 +86,7 @@ bool copy_range(int descriptor, off_t from, off_t to) {
     ssize_t got = pread(descriptor, block, static_cast<size_t>(std::min<off_t>(to - from, kBlock)), from);
     if (got < 0 && errno == EINTR) continue;
     if (got <= 0) return true;  // the file shrank meanwhile
-    if (!write_all(block, static_cast<size_t>(got))) return false;
+    if (!ctl_write_all(STDOUT_FILENO, block, static_cast<size_t>(got))) return false;
     from += got;
   }
   return true;

@@ -17,18 +17,6 @@ constexpr size_t kBuffer = 64 * 1024;
 // its process time to come up before the one more attempt.
 constexpr uint32_t kResurrectWait_ms = 1000;
 
-// Writes all of `size` bytes; false when the descriptor refuses them.
-bool write_all(int descriptor, const char* bytes, size_t size, bool is_socket) {
-  while (size > 0) {
-    ssize_t put = is_socket ? send(descriptor, bytes, size, MSG_NOSIGNAL) : write(descriptor, bytes, size);
-    if (put < 0 && errno == EINTR) continue;
-    if (put <= 0) return false;
-    bytes += put;
-    size -= static_cast<size_t>(put);
-  }
-  return true;
-}
-
 // The last bytes of the session, enough to tell whether the stack ended it
 // with the session-stopped line.
 struct session_tail {
@@ -76,12 +64,12 @@ int join(const ctl_options* options, const std::string& what, int connection) {
       }
       if (got == 0) return session_end(options, what, tail);
       tail.add(buffer, static_cast<size_t>(got));
-      if (!write_all(STDOUT_FILENO, buffer, static_cast<size_t>(got), false)) return CTL_OK;
+      if (!ctl_write_all(STDOUT_FILENO, buffer, static_cast<size_t>(got), false)) return CTL_OK;
     }
     if (input_open && entries[1].revents != 0) {
       ssize_t got = read(STDIN_FILENO, buffer, sizeof buffer);
       if (got < 0 && errno == EINTR) continue;
-      if (got > 0 && sending) sending = write_all(connection, buffer, static_cast<size_t>(got), true);
+      if (got > 0 && sending) sending = ctl_write_all(connection, buffer, static_cast<size_t>(got), true);
       if (got <= 0) {
         input_open = false;
         shutdown(connection, SHUT_WR);
