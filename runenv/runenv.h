@@ -161,6 +161,9 @@ struct runenv_service {
   uint32_t backoff_ms;  // the wait after the next end
   int64_t deadline_ms;  // monotonic: end of `starting` or of `backoff`; 0 for none
   bool halted;  // the stack is stopping: no more starts
+  // The group of the last run that ended: what its leader left there got
+  // SIGTERM, and gets SIGKILL before the next start or at the stack's stop.
+  pid_t stray_group;
 };
 
 // A handler that runs: the runtime keeps its own copy of the handler's

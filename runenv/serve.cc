@@ -48,7 +48,9 @@ struct stop_plan {
   bool killed;  // SIGKILL went out
   int64_t kill_at;  // monotonic
   int64_t leave_at;
-  pid_t group;  // the service's group when the stop began; it ends when its last member does
+  // The service's groups when the stop began, the running one and what an
+  // ended run left; each ends when its last member does.
+  pid_t groups[2];
 };
 
 bool has_service(const runenv_stack* stack) { return stack->manifest.service_command.count > 0; }
@@ -73,7 +75,8 @@ void begin_stop(runenv_stack* stack, stop_plan* stop, bool forced) {
   stop->active = true;
   stack->stopping = true;
   stop->kill_at = kill_at;
-  stop->group = stack->service.pid;
+  stop->groups[0] = stack->service.pid;
+  stop->groups[1] = stack->service.stray_group;
   runenv_stack_close(stack);
   runenv_service_halt(stack, SIGTERM);
   runenv_handler_signal(stack, SIGTERM);
@@ -83,7 +86,11 @@ bool children_gone(const runenv_stack* stack) {
   return stack->service.pid == 0 && dymarray_size(&stack->handlers) == 0;
 }
 
-bool group_alive(const stop_plan* stop) { return stop->group > 0 && kill(-stop->group, 0) == 0; }
+bool group_alive(const stop_plan* stop) {
+  for (pid_t group : stop->groups)
+    if (group > 0 && kill(-group, 0) == 0) return true;
+  return false;
+}
 
 // SIGKILL once the grace is over; false once the runtime leaves whatever
 // is left.
@@ -97,7 +104,8 @@ bool press(runenv_stack* stack, stop_plan* stop) {
   else
     runenv_say(stack, RUNENV_ECHO_ERROR, "%s%llu handlers outlived SIGTERM, killing them",
                group_alive(stop) ? "the service and " : "", static_cast<unsigned long long>(handlers));
-  if (stop->group > 0) kill(-stop->group, SIGKILL);
+  for (pid_t group : stop->groups)
+    if (group > 0) kill(-group, SIGKILL);
   runenv_handler_signal(stack, SIGKILL);
   stop->killed = true;
   stop->leave_at = now + kKilledWaitMs;

@@ -92,6 +92,9 @@ process* spawn(runenv_stack* stack, int input, int output) {
 
 void runenv_service_start(runenv_stack* stack) {
   runenv_service* service = &stack->service;
+  // The back-off was the last run's grace: nothing of it outlives its successor's start.
+  if (service->stray_group > 0) kill(-service->stray_group, SIGKILL);
+  service->stray_group = 0;
   if (service->backoff_ms == 0) service->backoff_ms = RUNENV_BACKOFF_FIRST_MS;
   runenv_log_source* source = nullptr;
   int output = runenv_source_open(stack, &source);
@@ -122,6 +125,7 @@ bool runenv_service_collect(runenv_stack* stack, pid_t pid, int wait_status) {
   // What the leader left in its group gets the same signal as a stack's
   // group gets from the daemon when the stack's program ends.
   kill(-pid, SIGTERM);
+  service->stray_group = pid;
   process ended{pid, true, wait_status};
   process_status status = process_wait(&ended);
   record_end(service, status.code, status.description);
@@ -154,5 +158,7 @@ void runenv_service_halt(runenv_stack* stack, int signal_number) {
     service->deadline_ms = 0;
     runenv_state_write(stack);
   }
-  if (signal_number != 0 && service->pid > 0) kill(-service->pid, signal_number);
+  if (signal_number == 0) return;
+  if (service->pid > 0) kill(-service->pid, signal_number);
+  if (service->stray_group > 0) kill(-service->stray_group, signal_number);
 }

@@ -46,11 +46,6 @@ std::string stderr_of(const std::function<void()>& action) {
 // One line as the manager writes it to the standard error.
 std::string line(const std::string& text) { return "[" + std::to_string(getpid()) + "] " + text + "\n"; }
 
-bool process_gone(pid_t pid) {
-  std::string stat = read_file("/proc/" + std::to_string(pid) + "/stat");
-  return stat == "<missing>" || stat.substr(stat.rfind(')') + 2, 1) == "Z";
-}
-
 // Stages `image` as the request handler does, in one piece, and deploys it.
 stackman_stack* deploy(const std::string& name, const std::string& image, socket_record* connection) {
   stackman_image staged;

@@ -158,7 +158,8 @@ TEST_F(Services, TheExampleServiceLogsComesBackAfterAKillAndOutlivesARename) {
 TEST_F(Services, TheRestartPolicyDecidesAfterAnEndAndACrashLoopWaitsLongerEachTime) {
   write_file(daemon_.path("done.sh"), "#!/bin/sh\nexit 0\n");
   const struct { std::string name, source, option; int code; bool restarted; } rows[] = {
-      {"crash", bundle("crash", kManifest, "echo crashing\nexit 3\n"), "", 3, true},  // on-failure by default
+      // Each run of "crash" leaves a process in its group that ignores SIGTERM.
+      {"crash", bundle("crash", kManifest, "(trap '' TERM; exec sleep 300) &\necho left $!\nexit 3\n"), "", 3, true},
       {"never", bundle("never", kManifest + "restart = \"never\"\n", "exit 1\n"), "", 1, false},
       {"wrapped", daemon_.path("done.sh"), "--service", 0, false},  // on-failure by default
       {"always", bundle("always", kManifest + "restart = \"always\"\n", "exit 0\n"), "", 0, true},
@@ -185,6 +186,11 @@ TEST_F(Services, TheRestartPolicyDecidesAfterAnEndAndACrashLoopWaitsLongerEachTi
   ASSERT_EQ(starts.size(), 3u) << text;
   EXPECT_GE(stamp_ms(starts[1]) - stamp_ms(starts[0]), 1000);
   EXPECT_GE(stamp_ms(starts[2]) - stamp_ms(starts[1]), 2000);
+  std::vector<std::string> left = lines_with(text, "] left ");
+  ASSERT_EQ(left.size(), 3u) << text;
+  for (size_t run = 0; run < 2; ++run)
+    EXPECT_TRUE(eventually([&] { return process_gone(atoi(left[run].substr(left[run].rfind(' ')).c_str())); }))
+        << "what run " << run << " left is gone once its successor starts";
   json crash = service("crash");
   EXPECT_EQ(crash["state"], "backoff");
   EXPECT_EQ(crash["restarts"], 2);
@@ -199,12 +205,20 @@ TEST_F(Services, ShutdownKillsAServiceThatOutlivesItsStopTimeoutAndARestartReuse
   ASSERT_GT(pid, 1);
   std::string app = store("stubborn") + "/app";
   write_file(app + "/left-behind", "not in the bundle");
+  // A service that ended for good, leaving a process that ignores SIGTERM.
+  std::string leaver = kManifest + "restart = \"never\"\nstop-timeout = 2\n";
+  ASSERT_EQ(upload("leaver", bundle("leaver", leaver, "(trap '' TERM; exec sleep 300) &\necho left $!\nexit 1\n")).status, 0);
+  ASSERT_TRUE(service_is("leaver", "stopped"));
+  std::vector<std::string> left = lines_with(log("leaver"), "] left ");
+  ASSERT_EQ(left.size(), 1u) << log("leaver");
+  pid_t remnant = atoi(left[0].substr(left[0].rfind(' ')).c_str());
 
   int64_t asked = now_ms();
   daemon_.signal(SIGINT);
   ASSERT_EQ(daemon_.wait_exit(10000), 0);
   EXPECT_GE(now_ms() - asked, 1900);
   EXPECT_NE(kill(pid, 0), 0) << "the service is gone";
+  EXPECT_TRUE(eventually([&] { return process_gone(remnant); })) << "so is what an ended run left";
   EXPECT_FALSE(contains(daemon_.out(), "Signaled to force stop!"));
   EXPECT_TRUE(contains(log("stubborn"), "the service outlived SIGTERM, killing it"));
   EXPECT_EQ(service("stubborn")["state"], "stopped");

@@ -77,6 +77,11 @@ uint16_t port_of(int descriptor) {
   return ntohs(name.sin6_port);
 }
 
+bool process_gone(pid_t pid) {
+  std::string stat = read_file("/proc/" + std::to_string(pid) + "/stat");
+  return stat == "<missing>" || stat.substr(stat.rfind(')') + 2, 1) == "Z";
+}
+
 Daemon::Daemon(const char* bootstrap) {
   char pattern[] = "/tmp/appsrv-e2e-XXXXXX";
   if (mkdtemp(pattern) == nullptr) abort();

@@ -26,7 +26,8 @@ bool contains(const std::string& text, const std::string& part);
 bool eventually(const std::function<bool()>& condition, int milliseconds = 5000);
 int64_t now_ms();
 uint16_t free_port();
-uint16_t port_of(int descriptor);  // the local port of a bound socket, IPv4 or IPv6
+uint16_t port_of(int descriptor);
+bool process_gone(pid_t pid);  // no such process, or a zombie  // the local port of a bound socket, IPv4 or IPv6
 
 class Daemon {
  public:
