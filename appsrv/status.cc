@@ -173,16 +173,6 @@ void build(std::string& out, bool stop_requested) {
   out += "}\n";
 }
 
-bool write_all(int descriptor, std::string_view text) {
-  while (!text.empty()) {
-    ssize_t put = write(descriptor, text.data(), text.size());
-    if (put < 0 && errno == EINTR) continue;
-    if (put <= 0) return false;
-    text.remove_prefix(static_cast<size_t>(put));
-  }
-  return true;
-}
-
 // Derived state, so no fsync: after a crash the next daemon writes it anew.
 // A rename over the old snapshot would make ext4 flush the new one at once
 // (its guard for programs that replace files without fsync); exchanging the
@@ -191,14 +181,16 @@ bool write_all(int descriptor, std::string_view text) {
 void replace_snapshot(std::string_view text) {
   int descriptor = open(kTemporaryPath, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
   if (descriptor < 0) return;
-  bool whole = write_all(descriptor, text);
+  bool whole = fs_write_all(descriptor, text.data(), text.size()) == 0;
   if (close(descriptor) != 0) whole = false;
   if (whole && renameat2(AT_FDCWD, kTemporaryPath, AT_FDCWD, kSnapshotPath, RENAME_EXCHANGE) == 0) {
     unlink(kTemporaryPath);
     return;
   }
-  // The first snapshot has nothing to exchange with.
-  if (!whole || errno != ENOENT || rename(kTemporaryPath, kSnapshotPath) != 0) unlink(kTemporaryPath);
+  // The first snapshot has nothing to exchange with, and some file systems
+  // cannot exchange names at all: a plain rename then.
+  bool renamable = errno == ENOENT || errno == EINVAL || errno == ENOSYS;
+  if (!whole || !renamable || rename(kTemporaryPath, kSnapshotPath) != 0) unlink(kTemporaryPath);
 }
 
 }  // namespace

@@ -8,6 +8,7 @@
 #include <cstring>
 #include <ftw.h>
 #include <sys/stat.h>
+#include <unistd.h>
 #include <utime.h>
 
 #include "base/runtime.h"
@@ -166,6 +167,18 @@ int fs_remove_recursive(bucket* path) {
 }
 
 int fs_rename(bucket* old_path, bucket* new_path) { return rename(text_of(old_path), text_of(new_path)); }
+
+int fs_write_all(int descriptor, const void* bytes, uint64_t size) {
+  const char* next = static_cast<const char*>(bytes);
+  while (size != 0) {
+    ssize_t written = write(descriptor, next, size);
+    if (written < 0 && errno == EINTR) continue;
+    if (written <= 0) return -1;
+    next += written;
+    size -= static_cast<uint64_t>(written);
+  }
+  return 0;
+}
 
 int fs_touch(bucket* path) {
   FILE* file = fopen(text_of(path), kWriteMode);

@@ -60,6 +60,9 @@ int fs_rename(bucket* old_path, bucket* new_path);
 int fs_touch(bucket* path);  // creates or truncates
 int fs_touch_path(bucket* path);  // makes the directory part first
 int fs_fcopy(bucket* destination, bucket* source);
+// Writes all `size` bytes to an open descriptor, going on after a short or
+// interrupted write; 0, or -1 with errno when the descriptor refuses them.
+int fs_write_all(int descriptor, const void* bytes, uint64_t size);
 
 // File streams: null when the file cannot be opened. The read stream seeks
 // with origin 0, 1, 2; destroying either stream closes the file.

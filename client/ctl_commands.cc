@@ -41,9 +41,9 @@ bool ctl_name_checked(const std::string& what, const char* name, const char* rea
   return false;
 }
 
-bool ctl_write_all(int descriptor, const char* bytes, size_t size, bool is_socket) {
+bool ctl_send_all(int socket, const char* bytes, size_t size) {
   while (size > 0) {
-    ssize_t put = is_socket ? send(descriptor, bytes, size, MSG_NOSIGNAL) : write(descriptor, bytes, size);
+    ssize_t put = send(socket, bytes, size, MSG_NOSIGNAL);
     if (put < 0 && errno == EINTR) continue;
     if (put <= 0) return false;
     bytes += put;

@@ -36,9 +36,9 @@ void ctl_report_local(const char* format, ...) __attribute__((format(printf, 1, 
 // anything was sent. The caller then ends with CTL_FAILED.
 bool ctl_name_checked(const std::string& what, const char* name, const char* reason = MANAGEMENT_INVALID_NAME);
 
-// Writes all of `size` bytes, going on after interrupted writes; false when
-// the descriptor refuses them. A socket is written without SIGPIPE.
-bool ctl_write_all(int descriptor, const char* bytes, size_t size, bool is_socket = false);
+// Sends all of `size` bytes, going on after interrupted sends, without
+// SIGPIPE; false when the socket refuses them.
+bool ctl_send_all(int socket, const char* bytes, size_t size);
 
 // A name as it appears in messages: single-quoted and terminal-safe.
 std::string ctl_quote(const char* name);

@@ -12,6 +12,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "base/fs.h"
 #include "base/runtime.h"
 #include "client/ctl_commands.h"
 
@@ -86,7 +87,7 @@ bool copy_range(int descriptor, off_t from, off_t to) {
     ssize_t got = pread(descriptor, block, static_cast<size_t>(std::min<off_t>(to - from, kBlock)), from);
     if (got < 0 && errno == EINTR) continue;
     if (got <= 0) return true;  // the file shrank meanwhile
-    if (!ctl_write_all(STDOUT_FILENO, block, static_cast<size_t>(got))) return false;
+    if (fs_write_all(STDOUT_FILENO, block, static_cast<size_t>(got)) != 0) return false;
     from += got;
   }
   return true;

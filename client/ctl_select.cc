@@ -6,6 +6,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include "base/fs.h"
 #include "base/runtime.h"
 #include "client/ctl_commands.h"
 #include "protocol/management.h"
@@ -64,12 +65,12 @@ int join(const ctl_options* options, const std::string& what, int connection) {
       }
       if (got == 0) return session_end(options, what, tail);
       tail.add(buffer, static_cast<size_t>(got));
-      if (!ctl_write_all(STDOUT_FILENO, buffer, static_cast<size_t>(got), false)) return CTL_OK;
+      if (fs_write_all(STDOUT_FILENO, buffer, static_cast<size_t>(got)) != 0) return CTL_OK;
     }
     if (input_open && entries[1].revents != 0) {
       ssize_t got = read(STDIN_FILENO, buffer, sizeof buffer);
       if (got < 0 && errno == EINTR) continue;
-      if (got > 0 && sending) sending = ctl_write_all(connection, buffer, static_cast<size_t>(got), true);
+      if (got > 0 && sending) sending = ctl_send_all(connection, buffer, static_cast<size_t>(got));
       if (got <= 0) {
         input_open = false;
         shutdown(connection, SHUT_WR);

@@ -2,12 +2,13 @@
 // whole to a temporary name and renamed, so a reader sees the old state or
 // the new one, never half of either.
 #include <cerrno>
-#include <cstdio>
 #include <cstring>
 #include <fcntl.h>
 #include <string>
 #include <unistd.h>
 
+#include "base/fs.h"
+#include "base/text.h"
 #include "runenv/runenv.h"
 
 namespace {
@@ -21,46 +22,19 @@ const char* state_name(int32_t state) {
   }
 }
 
-std::string json_string(const char* text) {
-  std::string out = "\"";
-  for (const char* c = text; *c != '\0'; ++c) {
-    auto byte = static_cast<unsigned char>(*c);
-    if (byte == '"' || byte == '\\') {
-      out += '\\';
-      out += *c;
-    } else if (byte < 0x20) {
-      char escape[8];
-      snprintf(escape, sizeof escape, "\\u%04x", byte);
-      out += escape;
-    } else {
-      out += *c;
-    }
-  }
-  return out + "\"";
-}
-
 std::string number_or_null(int64_t value, bool present) { return present ? std::to_string(value) : "null"; }
 
 std::string service_json(const runenv_service* service) {
   std::string last_exit = "null";
-  if (service->ended)
-    last_exit = "{\"code\": " + std::to_string(service->exit_code) + ", \"text\": " +
-                json_string(service->exit_text) + ", \"at\": " + std::to_string(service->exit_at) + "}";
+  if (service->ended) {
+    last_exit = "{\"code\": " + std::to_string(service->exit_code) + ", \"text\": ";
+    text_append_json(&last_exit, service->exit_text);
+    last_exit += ", \"at\": " + std::to_string(service->exit_at) + "}";
+  }
   return "{\"pid\": " + number_or_null(service->pid, service->pid > 0) + ", \"state\": \"" +
          state_name(service->state) + "\", \"restarts\": " + std::to_string(service->restarts) +
          ", \"started\": " + number_or_null(service->started_at, service->started_at > 0) +
          ", \"last_exit\": " + last_exit + "}";
-}
-
-bool write_all(int descriptor, const std::string& text) {
-  size_t written = 0;
-  while (written < text.size()) {
-    ssize_t n = write(descriptor, text.data() + written, text.size() - written);
-    if (n < 0 && errno == EINTR) continue;
-    if (n <= 0) return false;
-    written += static_cast<size_t>(n);
-  }
-  return true;
 }
 
 }  // namespace
@@ -73,7 +47,7 @@ void runenv_state_write(runenv_stack* stack) {
   std::string path = bucket_cstring(&stack->state_path);
   std::string temporary = path + ".new";
   int descriptor = open(temporary.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
-  bool written = descriptor >= 0 && write_all(descriptor, text);
+  bool written = descriptor >= 0 && fs_write_all(descriptor, text.data(), text.size()) == 0;
   if (descriptor >= 0 && close(descriptor) != 0) written = false;
   if (written && rename(temporary.c_str(), path.c_str()) == 0) return;
   int error = errno;

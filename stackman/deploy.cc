@@ -141,7 +141,7 @@ void stackman_image_begin(stackman_image* image, const char* name) {
 
 void stackman_image_write(stackman_image* image, const void* bytes, uint64_t size) {
   if (image->error != nullptr || size == 0) return;
-  if (stackman_write_all(image->descriptor, bytes, size) != 0) {
+  if (fs_write_all(image->descriptor, bytes, size) != 0) {
     // A full disk is given back at once, not after the rest has arrived.
     image->error = MANAGEMENT_STORE_IMAGE;
     stackman_image_discard(image);

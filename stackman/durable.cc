@@ -68,18 +68,6 @@ void each_entry(bucket* root, Visit visit) {
 
 }  // namespace
 
-int stackman_write_all(int descriptor, const void* bytes, uint64_t size) {
-  const char* next = static_cast<const char*>(bytes);
-  while (size != 0) {
-    ssize_t written = write(descriptor, next, size);
-    if (written < 0 && errno == EINTR) continue;
-    if (written <= 0) return -1;
-    next += written;
-    size -= static_cast<uint64_t>(written);
-  }
-  return 0;
-}
-
 bucket stackman_hidden_path(bucket* root, const char* prefix_kind, const char* key) {
   bucket path = fs_copy(root);
   fs_join_ext(&path, prefix_kind, key);
@@ -122,7 +110,7 @@ int stackman_sync_directory(bucket* path) {
 int stackman_write_durable(bucket* path, const void* bytes, uint64_t size) {
   int descriptor = open(bucket_cstring(path), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
   if (descriptor < 0) return -1;
-  int result = stackman_write_all(descriptor, bytes, size);
+  int result = fs_write_all(descriptor, bytes, size);
   if (result == 0) result = stackman_sync_descriptor(descriptor);
   if (close(descriptor) != 0 && errno != EINTR) result = -1;
   return result;

@@ -41,9 +41,6 @@ void stackman_stack_free(stackman_stack* stack);
 bucket stackman_staging_path();
 // {store}/serv/.name.tmp: where rename writes the new name-tag.
 bucket stackman_name_tag_temporary(stackman_stack* stack);
-// Writes all `size` bytes, going on after a short write or EINTR; 0, or -1
-// with errno (ENOSPC, EFBIG, ...).
-int stackman_write_all(int descriptor, const void* bytes, uint64_t size);
 // Writes the whole file (created or truncated) and syncs it; 0 or -1.
 int stackman_write_durable(bucket* path, const void* bytes, uint64_t size);
 int stackman_sync_descriptor(int descriptor);
