@@ -111,6 +111,11 @@ bool entry_refused(archive_entry* entry, bucket* reason) {
   if (const char* target = archive_entry_hardlink(entry)) {
     if (target[0] == '\0' || target[0] == '/' || has_dotdot(target))
       return refuse_link(reason, path, "hard link to ", target, "leads outside app/"), true;
+    // A second name for a symbolic link keeps its target's text at another
+    // depth, where it may climb out of app/ (unpacking runs in app/).
+    struct stat linked {};
+    if (lstat(target, &linked) == 0 && S_ISLNK(linked.st_mode))
+      return refuse_link(reason, path, "hard link to ", target, "is a symbolic link"), true;
     return false;
   }
   switch (archive_entry_filetype(entry)) {

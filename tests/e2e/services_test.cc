@@ -270,6 +270,9 @@ TEST_F(Services, HostileBundlesAreRefusedWithTheirReasonAndNothingEscapes) {
       {{manifest, {"pipe", "", AE_IFIFO}}, "entry \"pipe\": fifos are not allowed"},
       {{manifest, {"null", "", AE_IFCHR}}, "entry \"null\": devices are not allowed"},
       {{manifest, {"huge", "", AE_IFREG, beyond}}, "entry \"huge\": the unpacked size passes the free space of the store less 64 MiB"},
+      // The link stays inside where it is; its second name would not.
+      {{manifest, {"a/b/up", "../../x", AE_IFLNK}, {"copy", "a/b/up", 0}},
+       "entry \"copy\": hard link to \"a/b/up\" is a symbolic link"},
       {{run}, "appsrv.toml missing at the top of the bundle"},
       {{{"appsrv.toml", "[service]\ncommand = \"./run\"\n"}, run},
        "appsrv.toml line 2: [service] command: expected a non-empty array of strings"},
