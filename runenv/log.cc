@@ -112,7 +112,9 @@ void runenv_log_close(runenv_log* log) {
 }
 
 void runenv_log_line(runenv_log* log, const char* source, const char* text, uint64_t length) {
-  if (log->descriptor < 0) return;
+  // A current file that could not be opened again after a rotation costs
+  // the lines until it can, not the rest of the stack's log.
+  if (log->descriptor < 0 && (log->current_path.data == nullptr || open_current(log) != 0)) return;
   char when[32];
   stamp(when);
   char blank = ' ';
