@@ -26,36 +26,16 @@ constexpr size_t kShownName = 200;
 constexpr int kDiskFlags = ARCHIVE_EXTRACT_TIME | ARCHIVE_EXTRACT_SECURE_NODOTDOT | ARCHIVE_EXTRACT_SECURE_SYMLINKS |
                            ARCHIVE_EXTRACT_SECURE_NOABSOLUTEPATHS;
 
-// Appends `text` in double quotes, with quotes, backslashes and control bytes
-// escaped: the reason reaches the uploader's terminal and the daemon's log.
-void append_quoted(bucket* out, const char* text) {
-  bucket_push(out, '"');
-  size_t length = strlen(text);
-  for (size_t i = 0; i < length && i < kShownName; ++i) {
-    auto byte = static_cast<unsigned char>(text[i]);
-    if (byte < 0x20 || byte == 0x7f) {
-      char escape[8];
-      snprintf(escape, sizeof escape, "\\x%02x", byte);
-      bucket_append(out, escape);
-      continue;
-    }
-    if (byte == '"' || byte == '\\') bucket_push(out, '\\');
-    bucket_push(out, byte);
-  }
-  if (length > kShownName) bucket_append(out, "...");
-  bucket_push(out, '"');
-}
-
 // `entry "NAME": PROBLEM`, or with a link `entry "NAME": KIND "TARGET" PROBLEM`.
 void refuse(bucket* reason, const char* name, const char* problem) {
   bucket_append(reason, "entry ");
-  append_quoted(reason, name);
+  runenv_append_quoted(reason, name, strlen(name));
   bucket_appendv(reason, ": ", problem, nullptr);
 }
 
 void refuse_link(bucket* reason, const char* name, const char* kind, const char* target, const char* problem) {
   refuse(reason, name, kind);
-  append_quoted(reason, target);
+  runenv_append_quoted(reason, target, strlen(target));
   bucket_appendv(reason, " ", problem, nullptr);
 }
 
@@ -237,6 +217,23 @@ bool unpack_inside(unpacking* job, const char* app_path) {
 }
 
 }  // namespace
+
+void runenv_append_quoted(bucket* reason, const char* text, size_t length) {
+  bucket_push(reason, '"');
+  for (size_t i = 0; i < length && i < kShownName; ++i) {
+    auto byte = static_cast<unsigned char>(text[i]);
+    if (byte < 0x20 || byte == 0x7f) {
+      char escape[8];
+      snprintf(escape, sizeof escape, "\\x%02x", byte);
+      bucket_append(reason, escape);
+      continue;
+    }
+    if (byte == '"' || byte == '\\') bucket_push(reason, '\\');
+    bucket_push(reason, byte);
+  }
+  if (length > kShownName) bucket_append(reason, "...");
+  bucket_push(reason, '"');
+}
 
 int runenv_bundle_unpack(const char* image_path, const char* app_path, bucket* reason) {
   archive* reader = archive_read_new();

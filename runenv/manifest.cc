@@ -36,19 +36,11 @@ struct problems {
 };
 
 std::string quoted(std::string_view text) {
-  std::string out = "\"";
-  for (char c : text) {
-    auto byte = static_cast<unsigned char>(c);
-    if (byte < 0x20 || byte == 0x7f) {
-      char escape[8];
-      snprintf(escape, sizeof escape, "\\x%02x", byte);
-      out += escape;
-    } else {
-      if (c == '"' || c == '\\') out += '\\';
-      out += c;
-    }
-  }
-  return out + "\"";
+  bucket reason{};
+  runenv_append_quoted(&reason, text.data(), text.size());
+  std::string out(bucket_cstring(&reason), reason.length);
+  bucket_release(&reason);
+  return out;
 }
 
 bool valid_variable_name(std::string_view name) {

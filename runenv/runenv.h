@@ -272,6 +272,12 @@ enum : int { RUNENV_BUNDLE_UNPACKED = 0, RUNENV_BUNDLE_REFUSED = -1, RUNENV_BUND
 // it is left. RUNENV_BUNDLE_REFUSED comes with `reason` saying what and where.
 int runenv_bundle_unpack(const char* image_path, const char* app_path, bucket* reason);
 
+// Appends `length` bytes of `text` to a refusal's reason in double quotes,
+// quotes and backslashes escaped and control bytes as \xNN: the reason
+// reaches the uploader's terminal and the daemon's log. Past 200 bytes the
+// rest is shown as "...".
+void runenv_append_quoted(bucket* reason, const char* text, size_t length);
+
 // ---- replies on client connections ----------------------------------------
 
 enum runenv_reply_kind : int {
