@@ -10,13 +10,11 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "client/ctl_text.h"
+#include "client/ctl_commands.h"
 
 namespace {
 
 constexpr size_t kChunk = 64 * 1024;
-
-std::string quote(const std::string& path) { return "'" + ctl_terminal_escape(path) + "'"; }
 
 bool fail(std::string* error, const std::string& text) {
   *error = text;
@@ -31,13 +29,13 @@ bool describe(const std::string& path, const std::string& name, const struct sta
   if (S_ISREG(info.st_mode)) return entry->size = static_cast<uint64_t>(info.st_size), true;
   if (!S_ISLNK(info.st_mode)) {
     const char* what = S_ISFIFO(info.st_mode) ? "a fifo" : S_ISSOCK(info.st_mode) ? "a socket" : "a device";
-    return fail(error, "cannot pack " + quote(path) + ": " + what);
+    return fail(error, "cannot pack " + ctl_quote(path.c_str()) + ": " + what);
   }
   entry->kind = 'l';
   entry->target.resize(static_cast<size_t>(info.st_size) + 1);
   ssize_t length = readlink(path.c_str(), entry->target.data(), entry->target.size());
   if (length < 0 || static_cast<size_t>(length) >= entry->target.size())
-    return fail(error, "cannot pack " + quote(path) + ": the link cannot be read");
+    return fail(error, "cannot pack " + ctl_quote(path.c_str()) + ": the link cannot be read");
   entry->target.resize(static_cast<size_t>(length));
   return true;
 }
@@ -47,7 +45,7 @@ bool describe(const std::string& path, const std::string& name, const struct sta
 bool list_tree(const std::string& directory, const std::string& prefix, std::vector<ctl_bundle_entry>* entries,
                std::string* error) {
   DIR* listing = opendir(directory.c_str());
-  if (listing == nullptr) return fail(error, "cannot read " + quote(directory) + ": " + strerror(errno));
+  if (listing == nullptr) return fail(error, "cannot read " + ctl_quote(directory.c_str()) + ": " + strerror(errno));
   std::vector<std::string> names;
   while (dirent* found = readdir(listing))
     if (strcmp(found->d_name, ".") != 0 && strcmp(found->d_name, "..") != 0) names.push_back(found->d_name);
@@ -56,7 +54,8 @@ bool list_tree(const std::string& directory, const std::string& prefix, std::vec
   for (const std::string& name : names) {
     std::string path = directory + "/" + name;
     struct stat info;
-    if (lstat(path.c_str(), &info) != 0) return fail(error, "cannot read " + quote(path) + ": " + strerror(errno));
+    if (lstat(path.c_str(), &info) != 0)
+      return fail(error, "cannot read " + ctl_quote(path.c_str()) + ": " + strerror(errno));
     entries->emplace_back();
     if (!describe(path, prefix + name, info, &entries->back(), error)) return false;
     if (S_ISDIR(info.st_mode) && !list_tree(path, prefix + name + "/", entries, error)) return false;
@@ -99,7 +98,7 @@ bool write_data(archive* packer, const ctl_bundle_entry& entry, bool counting, s
   if (!counting && (descriptor < 0 || fstat(descriptor, &info) != 0 ||
                     static_cast<uint64_t>(info.st_size) != entry.size)) {
     if (descriptor >= 0) close(descriptor);
-    return fail(error, "cannot pack " + quote(entry.source) + ": it changed while it was packed");
+    return fail(error, "cannot pack " + ctl_quote(entry.source.c_str()) + ": it changed while it was packed");
   }
   std::vector<char> buffer(counting ? 0 : kChunk);
   uint64_t done = 0;
@@ -109,7 +108,7 @@ bool write_data(archive* packer, const ctl_bundle_entry& entry, bool counting, s
     ssize_t got = counting ? static_cast<ssize_t>(want) : read(descriptor, buffer.data(), want);
     if (got < 0 && errno == EINTR) continue;
     if (got <= 0) {
-      written = fail(error, "cannot pack " + quote(entry.source) + ": it changed while it was packed");
+      written = fail(error, "cannot pack " + ctl_quote(entry.source.c_str()) + ": it changed while it was packed");
       break;
     }
     written = archive_write_data(packer, counting ? zeros : buffer.data(), static_cast<size_t>(got)) == got ||
@@ -172,7 +171,7 @@ int ctl_bundle_directory(const char* directory, ctl_bundle* bundle, std::string*
   std::string top = directory;
   struct stat info;
   if (lstat((top + "/appsrv.toml").c_str(), &info) != 0 || !S_ISREG(info.st_mode)) {
-    *error = "cannot pack " + quote(top) + ": no appsrv.toml at its top";
+    *error = "cannot pack " + ctl_quote(top.c_str()) + ": no appsrv.toml at its top";
     return -1;
   }
   if (!list_tree(top, "", &bundle->entries, error)) return -1;
@@ -191,7 +190,7 @@ int ctl_bundle_program(const char* path, ctl_bundle* bundle, std::string* error)
   else if (!is_program(source)) problem = "neither an ELF program nor a \"#!\" script";
   else if (name == "appsrv.toml" || !ctl_utf8_valid(name)) problem = "its name cannot go into a manifest";
   if (problem != nullptr) {
-    *error = "cannot wrap " + quote(source) + ": " + problem;
+    *error = "cannot wrap " + ctl_quote(source.c_str()) + ": " + problem;
     return -1;
   }
   std::string manifest = manifest_for(name);
