@@ -9,6 +9,7 @@
 #include "base/fs.h"
 #include "base/runtime.h"
 #include "client/ctl_commands.h"
+#include "client/ctl_ssh.h"
 #include "protocol/management.h"
 
 namespace {
@@ -34,10 +35,15 @@ struct session_tail {
 // The session is over: the application ended it (status 0), or the stack
 // stopped it under the client, which then hears why.
 int session_end(const ctl_options* options, const std::string& what, const session_tail& tail) {
-  if (!tail.stopped_by_stack()) return CTL_OK;
-  ctl_report(options, "%s: the stack stopped the session (the daemon is shutting down, or the stack was deleted)",
-             what.c_str());
-  return CTL_UNREACHABLE;
+  if (tail.stopped_by_stack()) {
+    ctl_report(options, "%s: the stack stopped the session (the daemon is shutting down, or the stack was deleted)",
+               what.c_str());
+    return CTL_UNREACHABLE;
+  }
+  // Through SSH the stream also ends when ssh loses the host.
+  ctl_fault fault{CTL_OK, ""};
+  ctl_ssh_explain(&fault);
+  return fault.status == CTL_OK ? CTL_OK : ctl_report_fault(options, what, fault);
 }
 
 // Copies both ways until the stack closes the connection or standard output

@@ -152,6 +152,18 @@ TEST_F(Ssh, ListUploadSelectAndStatusTravelThroughSsh) {
   EXPECT_EQ(status.status, 0) << status.err;
   EXPECT_TRUE(std::regex_search(status.out, std::regex("\nhello +running +[0-9]+ "))) << status.out;
 
+  // A session whose SSH link is lost ends as a lost connection, not as the application's end.
+  Ctl dropped({"select", "hello"}, reaching(daemon_, "", through));
+  ASSERT_TRUE(eventually([&] { return dropped.out() == "hello from hello\n"; })) << dropped.out();
+  for (const std::string& pid : entries("/proc")) {  // sshd's connection processes
+    std::string stat = read_file("/proc/" + pid + "/stat");
+    size_t end = stat.rfind(") ");
+    if (end != std::string::npos && atoi(stat.c_str() + end + 4) == sshd) kill(stoi(pid), SIGKILL);
+  }
+  Outcome lost = dropped.wait();
+  EXPECT_EQ(lost.status, 5);
+  EXPECT_TRUE(contains(lost.err, "select 'hello': ssh")) << lost.err;
+
   Outcome nobody = run({"--address", "127.0.0.1:1", "list"});
   EXPECT_EQ(nobody.status, 5);
   EXPECT_TRUE(contains(nobody.err, "list: ssh: stdio forwarding failed")) << nobody.err;
