@@ -98,6 +98,13 @@ off_t size_of(int descriptor) {
   return descriptor >= 0 && fstat(descriptor, &info) == 0 ? info.st_size : 0;
 }
 
+bool same_file(int one, int other) {
+  struct stat first{};
+  struct stat second{};
+  return one >= 0 && other >= 0 && fstat(one, &first) == 0 && fstat(other, &second) == 0 &&
+         first.st_ino == second.st_ino && first.st_dev == second.st_dev;
+}
+
 // The runtime writes into its log without cooperation from us: a file may
 // grow, be renamed to previous while we read it, or start again.
 struct follower {
@@ -118,14 +125,12 @@ struct follower {
   // After a rotation `path` names a new file: the old one is read to its end
   // first, then the new one from its start.
   bool follow_rotation() {
-    struct stat now{};
-    struct stat held{};
-    if (stat(path.c_str(), &now) != 0) return true;
-    if (descriptor >= 0 && fstat(descriptor, &held) == 0 && held.st_ino == now.st_ino && held.st_dev == now.st_dev)
-      return true;
-    if (!drain()) return false;
+    int named = open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
+    if (named < 0) return true;
+    if (same_file(descriptor, named)) return close(named), true;
+    if (!drain()) return close(named), false;
     if (descriptor >= 0) close(descriptor);
-    descriptor = open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
+    descriptor = named;
     offset = 0;
     return drain();
   }
@@ -170,6 +175,10 @@ int ctl_run_logs(const ctl_options* options) {
   std::string directory = data_root + "/" + key + "/log/";
   int current = open((directory + "current").c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
   int previous = open((directory + "previous").c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
+  if (same_file(current, previous)) {  // rotated between the two opens: current is shown once
+    close(previous);
+    previous = -1;
+  }
   if (current < 0 && previous < 0 && !options->follow) {
     ctl_report_local("%s: %s: no log (the stack's runtime keeps none yet)", options->workdir, what.c_str());
     return CTL_FAILED;
